@@ -38,6 +38,7 @@
 #include "koutil/logger.h"
 
 /* Services: files, log file, text, containers, queues. */
+#include "koutil/strint.h"
 
 /* Configuration and network. */
 
