@@ -28,6 +28,7 @@
 #define KOUTIL_KOUTIL_H
 
 /* Ground: types, formatting, locks. */
+#include "common/list.h"
 #include "koutil/mutex.h"
 #include "koutil/snprintf.h"
 #include "koutil/types.h"
