@@ -30,6 +30,7 @@
 /* Ground: types, formatting, locks. */
 #include "common/list.h"
 #include "koutil/mutex.h"
+#include "koutil/rawip.h"
 #include "koutil/snprintf.h"
 #include "koutil/types.h"
 #include "koutil/xxhash.h"
@@ -42,6 +43,7 @@
 #include "koutil/strint.h"
 
 /* Configuration and network. */
+#include "koutil/sock46.h"
 
 /* Replication and daemons. */
 
