@@ -31,6 +31,7 @@
 #include "common/list.h"
 #include "koutil/mutex.h"
 #include "koutil/rawip.h"
+#include "koutil/sid_subr.h"
 #include "koutil/snprintf.h"
 #include "koutil/types.h"
 #include "koutil/xxhash.h"
@@ -41,6 +42,7 @@
 
 /* Services: files, log file, text, containers, queues. */
 #include "koutil/strint.h"
+#include "koutil/subr.h"
 
 /* Configuration and network. */
 #include "koutil/sock46.h"
