@@ -49,10 +49,9 @@ typedef struct key_txt {
 KO_API extern key_txt_t ivkey[11];
 
 /* Bits of a partition group's flags. */
-#define PGROUP_METADATA     0x4u /* holds metadata */
-#define PGROUP_OTHERCONTENT 0x8u /* holds the further kind of content that a group may be kept to  \
-                                  */
-#define PGROUP_EXCLUSIVE 0x400u  /* reserved to what it holds */
+#define PGROUP_METADATA     0x4u   /* holds metadata */
+#define PGROUP_OTHERCONTENT 0x8u   /* holds content of a further kind */
+#define PGROUP_EXCLUSIVE    0x400u /* reserved to what it holds */
 
 /* A partition group, as far as this module looks at it. */
 typedef struct partgroup {
