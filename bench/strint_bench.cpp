@@ -67,7 +67,7 @@ void reading(benchmark::State &state)
     for (auto _ : state) {
         for (const char *text : texts) {
             benchmark::DoNotOptimize(text);
-            int64_t value;
+            int64_t value = 0;
             benchmark::DoNotOptimize(read(text, &value));
             benchmark::DoNotOptimize(value);
         }

@@ -3,9 +3,9 @@
 
 #include "koutil/snprintf.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
-#include <charconv>
 #include <cstring>
 
 namespace
@@ -13,7 +13,6 @@ namespace
 
 constexpr int minutes_per_day = 24 * 60;
 constexpr int minutes_per_hour = 60;
-constexpr size_t number_size = 32;
 
 // Unit letters by the number of tens of bits that they shift.
 constexpr char units[] = {'\0', 'K', 'M', 'G', 'T', 'P'};
@@ -135,6 +134,51 @@ int read_digits(const char *text, unsigned base, bool negative, int64_t *out)
     }
 }
 
+// The digit pairs "00" to "99", and the powers of ten from 10^0.
+constexpr std::array<char, 200> make_pairs()
+{
+    std::array<char, 200> pairs{};
+    for (size_t i = 0; i < 100; i++) {
+        pairs[2 * i] = static_cast<char>('0' + i / 10);
+        pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
+    }
+    return pairs;
+}
+
+constexpr std::array<uint64_t, 20> make_powers()
+{
+    std::array<uint64_t, 20> powers{1};
+    for (size_t i = 1; i < powers.size(); i++) {
+        powers[i] = powers[i - 1] * 10;
+    }
+    return powers;
+}
+
+constexpr std::array<char, 200> digit_pairs = make_pairs();
+constexpr std::array<uint64_t, 20> powers_of_ten = make_powers();
+
+// 1233 / 4096 is log10(2), near enough for 64 bits: the guess is right or one too small.
+unsigned decimal_digits(uint64_t number)
+{
+    const auto guess = static_cast<unsigned>(std::bit_width(number | 1)) * 1233 / 4096;
+    return guess + (number >= powers_of_ten[guess] ? 1 : 0) + (number == 0 ? 1 : 0);
+}
+
+// Writes exactly `digits` characters, from the last one backwards.
+void write_decimal(char *text, unsigned digits, uint64_t number)
+{
+    while (number >= 100) {
+        digits -= 2;
+        memcpy(text + digits, &digit_pairs[number % 100 * 2], 2);
+        number /= 100;
+    }
+    if (number >= 10) {
+        memcpy(text, &digit_pairs[number * 2], 2);
+    } else {
+        *text = static_cast<char>('0' + number);
+    }
+}
+
 } // namespace
 
 int KoMinutesToDHM(int32_t Minutes, char *StrOut, size_t StrOutSz)
@@ -149,37 +193,29 @@ int KoMinutesToDHM(int32_t Minutes, char *StrOut, size_t StrOutSz)
 
 int IntToStr64(int64_t ValIn, char *NumberStr, size_t NumberStrSz)
 {
-    const uint64_t magnitude =
-        ValIn < 0 ? 0 - static_cast<uint64_t>(ValIn) : static_cast<uint64_t>(ValIn);
+    const bool negative = ValIn < 0;
+    uint64_t number = negative ? 0 - static_cast<uint64_t>(ValIn) : static_cast<uint64_t>(ValIn);
     unsigned unit = 0;
-    if (magnitude != 0 && (magnitude & 1023) == 0) {
-        unit = static_cast<unsigned>(std::countr_zero(magnitude)) / bits_per_unit;
-        unit = unit < max_unit ? unit : max_unit;
+    if (number != 0 && number % 1024 == 0) {
+        unit = std::min(static_cast<unsigned>(std::countr_zero(number)) / bits_per_unit, max_unit);
+        number >>= unit * bits_per_unit;
     }
-    // Every text fits into number_size: a buffer as large as that is written directly.
-    char local[number_size];
-    char *const begin = NumberStrSz >= number_size ? NumberStr : local;
-    char *at = begin;
-    if (ValIn < 0) {
+    const unsigned digits = decimal_digits(number);
+    const size_t length = digits + (negative ? 1 : 0) + (unit != 0 ? 1 : 0);
+    if (length >= NumberStrSz) {
+        if (NumberStrSz != 0) {
+            *NumberStr = '\0';
+        }
+        return 0;
+    }
+    char *at = NumberStr;
+    if (negative) {
         *at++ = '-';
     }
-    at = std::to_chars(at, begin + number_size, magnitude >> (unit * bits_per_unit)).ptr;
-    if (unit != 0) {
-        *at++ = units[unit];
-    }
-    *at = '\0';
-    if (begin == NumberStr) {
-        return 1;
-    }
-    const auto length = static_cast<size_t>(at - begin);
-    if (length < NumberStrSz) {
-        memcpy(NumberStr, begin, length + 1);
-        return 1;
-    }
-    if (NumberStrSz != 0) {
-        *NumberStr = '\0';
-    }
-    return 0;
+    write_decimal(at, digits, number);
+    at[digits] = units[unit];
+    NumberStr[length] = '\0';
+    return 1;
 }
 
 int StrToInt64(const char *NumberStr, int64_t *ValOut)

@@ -127,12 +127,19 @@ TEST(IntToStr64, ChoosesTheLargestUnitAndNeverCuts)
 
 TEST(IntToStr64, TextsReadBackAsTheSameNumber)
 {
-    std::mt19937_64 random(1);
-    for (int round = 0; round < 20000; round++) {
-        const auto value = static_cast<int64_t>(random() >> (random() % 64) << (random() % 64));
+    const auto check = [](int64_t value) {
         char text[32];
         ASSERT_EQ(IntToStr64(value, text, sizeof text), 1);
         ASSERT_EQ(read(text), value) << text;
+    };
+    for (int64_t power = 1; power <= INT64_MAX / 10; power *= 10) {
+        check(power - 1);
+        check(power);
+        check(-power - 1);
+    }
+    std::mt19937_64 random(1);
+    for (int round = 0; round < 20000; round++) {
+        check(static_cast<int64_t>(random() >> (random() % 64) << (random() % 64)));
     }
 }
 
