@@ -41,6 +41,7 @@
 #include "koutil/logger.h"
 
 /* Services: files, log file, text, containers, queues. */
+#include "koutil/kovaio.h"
 #include "koutil/pollutil.h"
 #include "koutil/pretty_print.h"
 #include "koutil/strint.h"
