@@ -29,16 +29,26 @@
 
 /* Ground: types, formatting, locks. */
 #include "common/list.h"
+#include "koutil/console.h"
+#include "koutil/fmt_syserror.h"
+#include "koutil/fprintf_indent.h"
+#include "koutil/memsize.h"
 #include "koutil/mutex.h"
+#include "koutil/priv_check.h"
 #include "koutil/rawip.h"
+#include "koutil/rss.h"
 #include "koutil/sid_subr.h"
 #include "koutil/snprintf.h"
 #include "koutil/types.h"
 #include "koutil/xxhash.h"
 
 /* Runtime: panic, log output, memory, threads, clocks. */
+#include "koutil/alloc.h"
+#include "koutil/checked_build.h"
 #include "koutil/dopanic.h"
 #include "koutil/logger.h"
+#include "koutil/memleak_dbg.h"
+#include "koutil/voras.h"
 
 /* Services: files, log file, text, containers, queues. */
 #include "koutil/kovaio.h"
