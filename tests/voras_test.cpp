@@ -5,9 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 
 namespace
@@ -26,11 +29,22 @@ VoError_t record(char *name, char *text, uint32_t secs, uint32_t usecs)
     return 77;
 }
 
+time_t now = 0; // 0: the real clock
+
 char path[] = "/usr/sbin/daemon";
 char slash[] = "/";
 char plain[] = "tool";
 
 } // namespace
+
+extern "C" time_t time(time_t *result)
+{
+    time_t seconds_now = now;
+    if (now == 0) {
+        syscall(SYS_time, &seconds_now);
+    }
+    return result != nullptr ? *result = seconds_now : seconds_now;
+}
 
 TEST(RasEvent, NamesCallerProcessAndFileSystem)
 {
@@ -69,4 +83,47 @@ TEST(RasEvent, WithoutASinkTheWholeTextGoesToStandardError)
     EXPECT_EQ(support::capture(2, [&] { EXPECT_EQ(RasEvent("E", "%s%%", text.c_str()), 0); }),
               text + "%\n");
     EXPECT_EQ(support::capture(2, [&] { RasEvent("E", no_format, 0); }), "\n");
+}
+
+TEST(ClientEvents, PassOnceAnHourForEachClientAndKind)
+{
+    in46addr_t first = {};
+    in46addr_t second = {};
+    second.s6_addr[15] = 1;
+    now = 1000000;
+    const struct {
+        int later;
+        int kind;
+        const in46addr_t *addr;
+        int needed;
+    } steps[] = {
+        {0, 0, &first, 1},     {10, 0, &first, 0}, {0, 1, &first, 1},    {0, 0, &second, 1},
+        {3590, 0, &first, 0},  {1, 0, &first, 1},  {3600, 0, &first, 0}, {1, 0, &first, 1},
+        {-9000, 0, &first, 0}, {0, 2, &first, 1},  {0, 2, &first, 1},    {0, -1, &first, 1},
+    };
+    for (const auto &s : steps) {
+        now += s.later;
+        EXPECT_EQ(NeedPerClntRas(s.kind, s.addr), s.needed) << &s - steps;
+    }
+    now = 5; // a clock that was never set
+    EXPECT_EQ(NeedPerClntRas(1, &second), 1);
+    auto *client = static_cast<ras_clnt_t *>(LastRasClientEventTime[0].h_last->n_data);
+    EXPECT_EQ(client->r_addr.s6_addr[15], 1);
+    EXPECT_EQ(client->r_time, 1000010u);
+}
+
+TEST(ClientEvents, OneOfManyThreadsPasses)
+{
+    now = 2000000;
+    in46addr_t addr = {};
+    addr.s6_addr[0] = 9;
+    std::atomic<int> passed{0};
+    std::thread threads[4];
+    for (auto &thread : threads) {
+        thread = std::thread([&] { passed += NeedPerClntRas(0, &addr); });
+    }
+    for (auto &thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(passed, 1);
 }

@@ -5,13 +5,19 @@
  * and, in a daemon that serves a file system, the file system's name, and hands it to the sink that
  * the daemon installs. Messages for the log go through logger.h.
  *
+ * Events about single clients are asked about first: NeedPerClntRas lets the first event of a kind
+ * through for each client address, and after that one an hour.
+ *
  * Life:           a host sets RasFn and FsName once, before it starts threads.
+ *                 The records of clients are never removed.
  * Thread safety:  any thread may call every function; RasEvent takes no lock and allocates nothing,
- *                 and the sink must allow calls from any thread.
+ *                 and the sink must allow calls from any thread. NeedPerClntRas takes
+ *                 ras_clnt_lock.
  */
 #ifndef KOUTIL_VORAS_H
 #define KOUTIL_VORAS_H
 
+#include "common/list.h"
 #include "koutil/mutex.h"
 #include "koutil/types.h"
 
@@ -67,6 +73,35 @@ KO_API extern uint32_t LastRasEventTime[RAS_TIME_MAX];
  *
  * Returns the sink's result unchanged, or 0 without a sink. */
 KO_API VoError_t RasEvent(const char *f_event, const char *f_format, ...) KO_PRINTF(2, 3);
+
+/* Kinds of events about one client. */
+typedef enum ras_clnt_time_types {
+    RAS_CLTIME_COMM_FAIL = 0,
+    RAS_CLTIME_CONNECTION_FAIL = 1,
+    RAS_CLTIME_MAX = 2
+} ras_clnt_time_types;
+
+/* What is remembered of one client and kind. */
+typedef struct ras_clnt {
+    in46addr_t r_addr; /* compared as 16 raw bytes */
+    uint32_t r_time;   /* wall-clock seconds of the last report; 0 for none yet */
+    Link_t r_link;     /* on the list of its kind; the data pointer is the record */
+} ras_clnt_t;
+
+/* The records of all clients, one list for each kind; empty at start. */
+KO_API extern ListHdr_t LastRasClientEventTime[RAS_CLTIME_MAX];
+
+/* Guards both lists. */
+KO_API extern thread_mutex_t ras_clnt_lock;
+
+/* Decide whether an event of the kind `f_eventtype` (a ras_clnt_time_types value) about the client
+ * at `f_addr` should be raised now, and remember that it is. The time is linear in the number of
+ * clients ever asked about.
+ *
+ * Returns 1 for a client's first event of the kind, when more than 3600 seconds have passed since
+ * the last one that was let through, when memory for the client's record runs out, and for any
+ * other `f_eventtype`; else 0. */
+KO_API int NeedPerClntRas(int f_eventtype, const in46addr_t *f_addr);
 
 KO_END_DECLS
 
