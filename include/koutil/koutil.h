@@ -52,6 +52,7 @@
 
 /* Services: files, log file, text, containers, queues. */
 #include "koutil/kovaio.h"
+#include "koutil/option_parse.h"
 #include "koutil/pollutil.h"
 #include "koutil/pretty_print.h"
 #include "koutil/strint.h"
