@@ -33,12 +33,14 @@
 #include "koutil/fmt_syserror.h"
 #include "koutil/fprintf_indent.h"
 #include "koutil/memsize.h"
+#include "koutil/msleep.h"
 #include "koutil/mutex.h"
 #include "koutil/priv_check.h"
 #include "koutil/rawip.h"
 #include "koutil/rss.h"
 #include "koutil/sid_subr.h"
 #include "koutil/snprintf.h"
+#include "koutil/timer.h"
 #include "koutil/types.h"
 #include "koutil/xxhash.h"
 
@@ -46,8 +48,13 @@
 #include "koutil/alloc.h"
 #include "koutil/checked_build.h"
 #include "koutil/dopanic.h"
+#include "koutil/library_init.h"
 #include "koutil/logger.h"
 #include "koutil/memleak_dbg.h"
+#include "koutil/mono_time.h"
+#include "koutil/thread_common.h"
+#include "koutil/thread_sync.h"
+#include "koutil/thrpri.h"
 #include "koutil/voras.h"
 
 /* Services: files, log file, text, containers, queues. */
