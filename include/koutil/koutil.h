@@ -69,5 +69,6 @@
 #include "koutil/sock46.h"
 
 /* Replication and daemons. */
+#include "koutil/rep_records.h"
 
 #endif
