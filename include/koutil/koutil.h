@@ -58,6 +58,8 @@
 #include "koutil/voras.h"
 
 /* Services: files, log file, text, containers, queues. */
+#include "koutil/getroot.h"
+#include "koutil/ko_mmap.h"
 #include "koutil/kovaio.h"
 #include "koutil/option_parse.h"
 #include "koutil/pollutil.h"
@@ -66,6 +68,8 @@
 #include "koutil/subr.h"
 
 /* Configuration and network. */
+#include "koutil/brandcfg.h"
+#include "koutil/fsports.h"
 #include "koutil/sock46.h"
 
 /* Replication and daemons. */
