@@ -70,6 +70,7 @@
 /* Configuration and network. */
 #include "koutil/brandcfg.h"
 #include "koutil/fsports.h"
+#include "koutil/kovacfg.h"
 #include "koutil/sock46.h"
 
 /* Replication and daemons. */
