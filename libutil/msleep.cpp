@@ -52,8 +52,8 @@ uint64_t monotime(void)
     if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) {
         return 0;
     }
-    return static_cast<uint64_t>(now.tv_sec) * 1000 +
-           static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
+    // Nanoseconds fit 32 bits, whose division is the shorter one.
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint32_t>(now.tv_nsec) / 1000000U;
 }
 
 int monotime_cmp(uint64_t time1, uint64_t time2)

@@ -64,6 +64,7 @@
 #include "koutil/option_parse.h"
 #include "koutil/pollutil.h"
 #include "koutil/pretty_print.h"
+#include "koutil/queue_util.h"
 #include "koutil/strint.h"
 #include "koutil/subr.h"
 
