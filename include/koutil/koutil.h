@@ -72,6 +72,7 @@
 #include "koutil/brandcfg.h"
 #include "koutil/fsports.h"
 #include "koutil/kovacfg.h"
+#include "koutil/mntargs.h"
 #include "koutil/sock46.h"
 
 /* Replication and daemons. */
