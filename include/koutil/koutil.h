@@ -65,6 +65,7 @@
 #include "koutil/pollutil.h"
 #include "koutil/pretty_print.h"
 #include "koutil/queue_util.h"
+#include "koutil/slidingbucket.h"
 #include "koutil/strint.h"
 #include "koutil/subr.h"
 
