@@ -61,6 +61,7 @@
 #include "koutil/getroot.h"
 #include "koutil/ko_mmap.h"
 #include "koutil/kovaio.h"
+#include "koutil/kovalog.h"
 #include "koutil/option_parse.h"
 #include "koutil/pollutil.h"
 #include "koutil/pretty_print.h"
