@@ -42,6 +42,7 @@
 #include "koutil/snprintf.h"
 #include "koutil/timer.h"
 #include "koutil/types.h"
+#include "koutil/utf8.h"
 #include "koutil/xxhash.h"
 
 /* Runtime: panic, log output, memory, threads, clocks. */

@@ -1,0 +1,593 @@
+// utf8_test.cpp - the conversions against their plain rules, on buffers of the exact size so that
+// the address sanitizer sees a byte too many; the case tables, case conversion and comparison.
+#include "koutil/utf8.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr unsigned slowness = 16; // the exhaustive loops take every sixteenth step
+#else
+constexpr unsigned slowness = 1;
+#endif
+
+using Bytes = std::vector<UTF8>;
+using Units = std::vector<UTF16>;
+
+Bytes bytes(const std::string &text)
+{
+    return {text.begin(), text.end()};
+}
+
+// What a conversion came to: its result, how far it read, and the target as it left it.
+template <typename To>
+struct Outcome {
+    ConversionResult result;
+    size_t consumed;
+    size_t produced;
+    std::vector<To> target;
+    bool operator==(const Outcome &) const = default;
+};
+
+template <typename To>
+void PrintTo(const Outcome<To> &outcome, std::ostream *out)
+{
+    *out << "result " << outcome.result << " consumed " << outcome.consumed << " produced "
+         << outcome.produced << " target" << std::hex;
+    for (To unit : outcome.target) {
+        *out << ' ' << unsigned{unit};
+    }
+}
+
+constexpr int background = 0x5A; // what a target holds before
+
+int trailing(UTF8 lead)
+{
+    return lead < 0xC0   ? 0
+           : lead < 0xE0 ? 1
+           : lead < 0xF0 ? 2
+           : lead < 0xF8 ? 3
+           : lead < 0xFC ? 4
+                         : 5;
+}
+
+bool legal(const Bytes &s, size_t at, size_t length)
+{
+    const auto byte = [&](size_t i) { return at + i < s.size() ? s[at + i] : UTF8{0}; };
+    const auto tail = [&](size_t i) { return byte(i) >= 0x80 && byte(i) <= 0xBF; };
+    const UTF8 lead = byte(0);
+    if (length > 4 || (length == 4 && !tail(3)) || (length >= 3 && !tail(2)) ||
+        (length >= 2 && !tail(1)) || (lead == 0xE0 && byte(1) < 0xA0) ||
+        (lead == 0xF0 && byte(1) < 0x90) || (lead == 0xF4 && byte(1) > 0x8F)) {
+        return false;
+    }
+    return !(lead >= 0x80 && lead <= 0xC1) && lead <= 0xF4;
+}
+
+// The plain rules. A terminated source is given without its terminator.
+Outcome<UTF16> plain_decode(const Bytes &s, size_t room, unsigned flags, bool terminated)
+{
+    Outcome<UTF16> out = {conversionOK, 0, 0, Units(room, background)};
+    const auto stop = [&](ConversionResult result) {
+        out.result = result;
+        return out;
+    };
+    const bool dots = s == bytes(".") || s == bytes("..");
+    while (out.consumed < s.size()) {
+        const size_t at = out.consumed;
+        const size_t extra = static_cast<size_t>(trailing(s[at]));
+        if (!terminated && at + extra >= s.size()) {
+            return stop(sourceExhausted);
+        }
+        if (!legal(s, at, extra + 1)) {
+            return stop(sourceIllegal);
+        }
+        UTF32 ch = extra == 0 ? s[at] : s[at] & (0x3Fu >> extra);
+        for (size_t i = 1; i <= extra; ++i) {
+            ch = ch << 6 | (s[at + i] & 0x3Fu);
+        }
+        if (out.produced == room) {
+            return stop(targetExhausted);
+        }
+        if (ch > 0xFFFF) {
+            if (room - out.produced < 2) {
+                return stop(targetExhausted);
+            }
+            out.target[out.produced++] = static_cast<UTF16>(0xD800 + ((ch - 0x10000) >> 10));
+            ch = 0xDC00 + ((ch - 0x10000) & 0x3FF);
+        } else if ((flags & strictConversion) != 0 && ch >= 0xD800 && ch <= 0xDFFF) {
+            return stop(sourceIllegal);
+        } else if ((flags & sfmConversion) != 0 && ch < 0x80) {
+            const bool last = !terminated && at + 1 == s.size() && !dots;
+            ch = (ch == ' ' || ch == '.') && !last ? ch : sfm_A2U[ch];
+        }
+        out.target[out.produced++] = static_cast<UTF16>(ch);
+        out.consumed += extra + 1;
+    }
+    if (terminated) {
+        if (out.produced == room) {
+            return stop(targetExhausted);
+        }
+        ++out.consumed;
+        out.target[out.produced++] = 0;
+    }
+    return out;
+}
+
+Outcome<UTF8> plain_encode(const Units &s, size_t room, unsigned flags, bool terminated)
+{
+    Outcome<UTF8> out = {conversionOK, 0, 0, Bytes(room, background)};
+    const auto stop = [&](ConversionResult result) {
+        out.result = result;
+        return out;
+    };
+    const bool strict = (flags & strictConversion) != 0;
+    while (out.consumed < s.size()) {
+        UTF32 ch = s[out.consumed];
+        size_t units = 1;
+        if (ch >= 0xD800 && ch <= 0xDBFF && (terminated || out.consumed + 1 < s.size())) {
+            const UTF32 next = out.consumed + 1 < s.size() ? s[out.consumed + 1] : UTF16{0};
+            if (next >= 0xDC00 && next <= 0xDFFF) {
+                ch = ((ch - 0xD800) << 10) + (next - 0xDC00) + 0x10000;
+                units = 2;
+            } else if (strict) {
+                return stop(sourceIllegal);
+            }
+        } else if (strict && ch >= 0xDC00 && ch <= 0xDFFF) {
+            return stop(sourceIllegal);
+        }
+        if ((flags & sfmConversion) != 0 && ch >= 0xF000 && ch <= 0xF029) {
+            ch = ch < 0xF020 ? ch & 0x1F : sfm_U2A[ch & 0xF];
+        }
+        const size_t length = ch < 0x80 ? 1 : ch < 0x800 ? 2 : ch < 0x10000 ? 3 : 4;
+        if (length > room - out.produced) {
+            return stop(targetExhausted);
+        }
+        const UTF8 marks[] = {0, 0, 0xC0, 0xE0, 0xF0};
+        for (size_t i = length; i-- > 1; ch >>= 6) {
+            out.target[out.produced + i] = static_cast<UTF8>((ch & 0x3F) | 0x80);
+        }
+        out.target[out.produced] = static_cast<UTF8>(ch | marks[length]);
+        out.produced += length;
+        out.consumed += units;
+    }
+    if (terminated) {
+        if (out.produced == room) {
+            return stop(targetExhausted);
+        }
+        ++out.consumed;
+        out.target[out.produced++] = 0;
+    }
+    return out;
+}
+
+// An array that ends where its memory ends and begins `offset` elements behind where that begins.
+template <typename T>
+class Exact
+{
+  public:
+    Exact(size_t size, size_t offset)
+        : memory_(new T[offset + size])
+        , begin_(memory_.get() + offset)
+    {
+    }
+    T *get() const { return begin_; }
+
+  private:
+    std::unique_ptr<T[]> memory_;
+    T *begin_;
+};
+
+auto converter(const UTF8 *, const UTF16 *)
+{
+    return ConvertUTF8toUTF16;
+}
+auto converter(const UTF16 *, const UTF8 *)
+{
+    return ConvertUTF16toUTF8;
+}
+
+template <typename To, typename From>
+Outcome<To> run(const std::vector<From> &s, size_t room, unsigned flags, bool terminated,
+                size_t offset)
+{
+    const Exact<From> source(s.size() + (terminated ? 1 : 0), offset);
+    const Exact<To> target(room, offset);
+    std::copy(s.begin(), s.end(), source.get());
+    if (terminated) {
+        source.get()[s.size()] = 0;
+    }
+    std::fill_n(target.get(), room, static_cast<To>(background));
+    const From *from = source.get();
+    To *to = target.get();
+    const ConversionResult result = converter(from, to)(
+        &from, terminated ? nullptr : source.get() + s.size(), &to, target.get() + room, flags);
+    return {result, static_cast<size_t>(from - source.get()),
+            static_cast<size_t>(to - target.get()),
+            std::vector<To>(target.get(), target.get() + room)};
+}
+
+void check_decode(const Bytes &s, size_t room, unsigned flags, bool terminated, size_t offset = 0)
+{
+    ASSERT_EQ(run<UTF16>(s, room, flags, terminated, offset),
+              plain_decode(s, room, flags, terminated))
+        << "flags " << flags << " terminated " << terminated << " source "
+        << testing::PrintToString(s);
+}
+
+void check_encode(const Units &s, size_t room, unsigned flags, bool terminated, size_t offset = 0)
+{
+    ASSERT_EQ(run<UTF8>(s, room, flags, terminated, offset),
+              plain_encode(s, room, flags, terminated))
+        << "flags " << flags << " terminated " << terminated << " source "
+        << testing::PrintToString(s);
+}
+
+void append(Bytes &text, UTF32 ch)
+{
+    if (ch > 0xFFFF) {
+        const Units pair = {static_cast<UTF16>(0xD800 + ((ch - 0x10000) >> 10)),
+                            static_cast<UTF16>(0xDC00 + (ch & 0x3FF))};
+        const Bytes four = plain_encode(pair, 4, 0, false).target;
+        text.insert(text.end(), four.begin(), four.end());
+        return;
+    }
+    const Outcome<UTF8> one = plain_encode({static_cast<UTF16>(ch)}, 3, 0, false);
+    text.insert(text.end(), one.target.begin(),
+                one.target.begin() + static_cast<ptrdiff_t>(one.produced));
+}
+
+// Random text without zeros: runs of characters of one kind, now and then a bad byte or surrogate.
+Bytes random_text(std::mt19937 &random, size_t characters, bool clean)
+{
+    constexpr struct {
+        UTF32 first, last;
+    } kinds[] = {{1, 0x7F},        {0x61, 0x7A},        {0x80, 0x7FF},   {0x800, 0xD7FF},
+                 {0xE000, 0xFFFF}, {0x10000, 0x10FFFF}, {0xD800, 0xDFFF}};
+    Bytes text;
+    while (characters > 0) {
+        const auto &kind = kinds[random() % (clean ? 6 : std::size(kinds))];
+        for (size_t run = 1 + random() % 12; run > 0 && characters > 0; --run, --characters) {
+            append(text, kind.first + random() % (kind.last - kind.first + 1));
+        }
+        if (!clean && random() % 16 == 0) {
+            text[random() % text.size()] = static_cast<UTF8>(1 + random() % 255);
+        }
+    }
+    return text;
+}
+
+int sign(int value)
+{
+    return (value > 0) - (value < 0);
+}
+
+} // namespace
+
+TEST(Utf8, EveryCodePointThereAndBack)
+{
+    for (unsigned pass = 0; pass < (slowness == 1 ? 4 : 1); ++pass) {
+        Bytes text;
+        Units units;
+        for (UTF32 ch = 1; ch <= 0x10FFFF; ++ch) {
+            append(text, ch);
+            if (ch > 0xFFFF) {
+                units.push_back(static_cast<UTF16>(0xD800 + ((ch - 0x10000) >> 10)));
+                units.push_back(static_cast<UTF16>(0xDC00 + (ch & 0x3FF)));
+            } else {
+                units.push_back(static_cast<UTF16>(ch));
+            }
+            if (ch % 0x40 == 0x3F || ch == 0xD7FF) {
+                const unsigned flags = (ch / 0x40 + pass) % 4;
+                check_decode(text, units.size() + 40, flags, false);
+                check_encode(units, text.size() + 64, flags, false);
+                text.clear();
+                units.clear();
+            }
+        }
+    }
+}
+
+TEST(Utf8, EverySequenceOfThreeBytesInsideAText)
+{
+    const Bytes thirds = bytes(std::string("A\x7F\x80\x8F\x90\x9F\xA0\xBF\xC2\xE1\xF0\xFF", 12));
+    unsigned step = 0;
+    for (unsigned first = 0x70; first < 256; ++first) {
+        for (unsigned second = 1; second < 256; ++second) {
+            for (UTF8 third : thirds) {
+                if (++step % slowness != 0) {
+                    continue;
+                }
+                const Bytes sequence = {static_cast<UTF8>(first), static_cast<UTF8>(second), third};
+                check_decode(sequence, 4, step & 1, (step & 2) != 0);
+                Bytes text(20 + step % 13, 'x');
+                text.insert(text.end(), sequence.begin(), sequence.end());
+                text.insert(text.end(), 60, 'y');
+                check_decode(text, 200, step & 1, false);
+                EXPECT_EQ(isLegalUTF8Sequence(sequence.data(), sequence.data() + 3),
+                          legal(sequence, 0, 1 + size_t(trailing(sequence[0]))) &&
+                              trailing(sequence[0]) < 3);
+            }
+        }
+    }
+}
+
+TEST(Utf8, RandomTextAtEveryAlignmentAndLimit)
+{
+    std::mt19937 random(7);
+    for (unsigned round = 0; round < 4000 / slowness; ++round) {
+        const Bytes text = random_text(random, random() % 130, round % 2 == 0);
+        const Units units = plain_decode(text, text.size(), 0, false).target;
+        const unsigned flags = random() % 4;
+        const bool terminated = random() % 2 == 0;
+        const size_t offset = random() % 33;
+        check_decode(text, random() % (text.size() + 60), flags, terminated, offset);
+        check_decode(text, text.size() + 60, flags, terminated, offset);
+        check_encode(units, random() % (text.size() + 70), flags, terminated, offset);
+        check_encode(units, 3 * units.size() + 70, flags, terminated, offset);
+    }
+    const Bytes text = random_text(random, 70, true);
+    const Units units = plain_decode(text, text.size(), 0, false).target;
+    for (size_t limit = 0; limit < text.size() + 2; ++limit) {
+        check_decode(Bytes(text.begin(), text.begin() + std::min<ptrdiff_t>(limit, text.size())),
+                     text.size(), 0, false);
+        check_decode(text, limit, 0, limit % 2 == 0);
+        check_encode(units, limit, 0, limit % 2 == 0);
+    }
+}
+
+TEST(Utf8, ConversionsByExample)
+{
+    const struct {
+        std::string source;
+        unsigned flags;
+        ConversionResult result;
+        Units units;
+    } decodes[] = {
+        {"a:b.", sfmConversion, conversionOK, {'a', 0xF022, 'b', 0xF029}},
+        {".", sfmConversion, conversionOK, {'.'}},
+        {"..", sfmConversion, conversionOK, {'.', '.'}},
+        {"...", sfmConversion, conversionOK, {'.', '.', 0xF029}},
+        {"a b ", sfmConversion, conversionOK, {'a', ' ', 'b', 0xF028}},
+        {std::string("\0\x01/\x7F", 4), sfmConversion, conversionOK, {0xF000, 0xF001, '/', 0x7F}},
+        {"\xED\xA0\x80", lenientConversion, conversionOK, {0xD800}},
+        {"\xED\xA0\x80", strictConversion, sourceIllegal, {}},
+        {"x\xC0\x80", 0, sourceIllegal, {'x'}},
+        {"\xE0\x80\x80", 0, sourceIllegal, {}},
+        {"\xF4\x90\x80\x80", 0, sourceIllegal, {}},
+        {"\xF8\x88\x80\x80\x80", 0, sourceIllegal, {}},
+        {"\xF8\x88\x80\x80", 0, sourceExhausted, {}},
+        {"xy\xC3", 0, sourceExhausted, {'x', 'y'}},
+    };
+    for (const auto &c : decodes) {
+        const Outcome<UTF16> out = run<UTF16>(bytes(c.source), 8, c.flags, false, 0);
+        EXPECT_EQ(out.result, c.result) << c.source;
+        EXPECT_EQ(Units(out.target.begin(), out.target.begin() + ptrdiff_t(out.produced)), c.units);
+        EXPECT_EQ(out.consumed, c.result == conversionOK ? c.source.size() : c.units.size());
+    }
+    const struct {
+        Units source;
+        unsigned flags;
+        size_t room;
+        ConversionResult result;
+        std::string text;
+    } encodes[] = {
+        {{0xF001, 0xF028, 0xF02A, 0xF000},
+         sfmConversion,
+         9,
+         conversionOK,
+         std::string("\x01 \xEF\x80\xAA\0", 6)},
+        {{0xD800}, strictConversion, 9, conversionOK, "\xED\xA0\x80"},
+        {{0xD800, 'x'}, strictConversion, 9, sourceIllegal, ""},
+        {{0xD800, 'x'}, 0, 9, conversionOK, "\xED\xA0\x80x"},
+        {{0xDC00}, strictConversion, 9, sourceIllegal, ""},
+        {{0xD83D, 0xDE00}, 0, 4, conversionOK, "\xF0\x9F\x98\x80"},
+        {{0xD83D, 0xDE00}, 0, 3, targetExhausted, ""},
+    };
+    for (const auto &c : encodes) {
+        const Outcome<UTF8> out = run<UTF8>(c.source, c.room, c.flags, false, 0);
+        EXPECT_EQ(out.result, c.result) << c.text;
+        EXPECT_EQ(std::string(out.target.begin(), out.target.begin() + ptrdiff_t(out.produced)),
+                  c.text);
+        EXPECT_EQ(out.consumed, c.result == conversionOK ? c.source.size() : 0);
+    }
+    const Exact<UTF8> cut(1, 0);
+    *cut.get() = 0xC3;
+    EXPECT_EQ(isLegalUTF8Sequence(cut.get() + 1, cut.get() + 1), 0);
+    EXPECT_EQ(isLegalUTF8Sequence(cut.get(), cut.get() + 1), 0);
+}
+
+namespace
+{
+
+std::string changed(std::string text, void (*change)(UTF8 *))
+{
+    const Exact<UTF8> exact(text.size() + 1, 0);
+    memcpy(exact.get(), text.c_str(), text.size() + 1);
+    change(exact.get());
+    return reinterpret_cast<const char *>(exact.get());
+}
+
+UTF32 looked_up(const utf8hashbkt_t *table, UTF32 key)
+{
+    for (size_t bucket = key % 1949; table[bucket].hkey != 0; bucket = (bucket + 39) % 1949) {
+        if (table[bucket].hkey == key) {
+            return table[bucket].hval;
+        }
+    }
+    return key;
+}
+
+// The comparison by its rules, with every lookup made; `n` below 0 for no limit.
+int plain_compare(const Bytes &s1, const Bytes &s2, int n)
+{
+    const auto at = [](const Bytes &s, size_t i) { return i < s.size() ? s[i] : UTF8{0}; };
+    const auto small = [](UTF8 c) { return c >= 'A' && c <= 'Z' ? c + 32 : c; };
+    size_t i = 0;
+    for (int left = n; left != 0;) {
+        const int c1 = small(at(s1, i));
+        const int c2 = small(at(s2, i));
+        if (c1 < 0x80 && c2 < 0x80) {
+            if (c1 != c2 || c1 == 0) {
+                return c1 - c2;
+            }
+            ++i;
+            --left;
+            continue;
+        }
+        if (n < 0 && (c1 == 0 || c2 == 0)) {
+            return c1 - c2;
+        }
+        const int extra1 = trailing(static_cast<UTF8>(c1));
+        const int extra2 = trailing(static_cast<UTF8>(c2));
+        if (extra1 != extra2) {
+            return extra1 - extra2;
+        }
+        if (n >= 0 && (extra1 + 1 > left || extra1 > 3)) {
+            return sign(strncmp(std::string(s1.begin(), s1.end()).c_str(),
+                                std::string(s2.begin(), s2.end()).c_str(), size_t(n)));
+        }
+        UTF32 key1 = 0;
+        UTF32 key2 = 0;
+        bool cut1 = false;
+        bool cut2 = false;
+        for (int k = 0; k <= extra1; ++k, ++i) {
+            cut1 = cut1 || at(s1, i) == 0;
+            cut2 = cut2 || at(s2, i) == 0;
+            key1 = key1 << 8 | (cut1 ? 0 : at(s1, i));
+            key2 = key2 << 8 | (cut2 ? 0 : at(s2, i));
+        }
+        key1 = looked_up(utf8hash_tolower, key1);
+        key2 = looked_up(utf8hash_tolower, key2);
+        if (key1 != key2) {
+            return key1 > key2 ? 1 : -1;
+        }
+        left -= extra1 + 1;
+    }
+    return 0;
+}
+
+int compare(const Bytes &s1, const Bytes &s2, int n, size_t offset)
+{
+    const Exact<UTF8> a(s1.size() + 1, offset);
+    const Exact<UTF8> b(s2.size() + 1, offset / 2);
+    *std::copy(s1.begin(), s1.end(), a.get()) = 0;
+    *std::copy(s2.begin(), s2.end(), b.get()) = 0;
+    return n < 0 ? utf8casecmp(a.get(), b.get()) : utf8ncasecmp(a.get(), b.get(), n);
+}
+
+} // namespace
+
+TEST(Utf8Case, TablesAreInverseAndKnowTheirRepertoire)
+{
+    size_t two = 0;
+    size_t three = 0;
+    for (size_t i = 0; i < 1949; ++i) {
+        const utf8hashbkt_t &entry = utf8hash_tolower[i];
+        two += entry.hkey > 0xFF && entry.hkey < 0x10000;
+        three += entry.hkey > 0xFFFF;
+        EXPECT_EQ(looked_up(utf8hash_toupper, entry.hval), entry.hkey);
+    }
+    EXPECT_EQ(two, 352u);
+    EXPECT_EQ(three, 295u);
+    EXPECT_EQ(utf8hash_tolower[1323].hkey, 0xC380u);
+    const struct {
+        const char *capital, *small;
+    } pairs[] = {{"ÀÉÎ ABC", "àéî abc"},
+                 {"Ÿ", "ÿ"},
+                 {"ЀЁЂ", "Ѐёђ"},
+                 {"Ⴀ", "ა"},
+                 {"Ｚ", "ｚ"},
+                 {"Ⅷ", "ⅷ"},
+                 {"ῼ", "ῼ"},
+                 {"Ὼ", "ὼ"},
+                 {"@[`{é", "@[`{é"},
+                 {"İǅ\u2126", "İǅ\u2126"},
+                 {"ЁЖ a VERY long ASCII part, LONGER than one step Ж", "ёж a very long ascii part, "
+                                                                       "longer than one step ж"}};
+    for (const auto &c : pairs) {
+        EXPECT_EQ(changed(c.capital, utf8tolower), c.small);
+    }
+    EXPECT_EQ(changed("àéî abc ÿ ა{", utf8toupper), "ÀÉÎ ABC Ÿ Ⴀ{");
+    // Nothing is validated, and nothing is touched past a terminator.
+    EXPECT_EQ(changed("\xC3"
+                      "AÀ",
+                      utf8tolower),
+              "\xC3"
+              "Aà");
+    EXPECT_EQ(changed("\x80"
+                      "A\xF8"
+                      "ABCDE",
+                      utf8tolower),
+              "\x80"
+              "a\xF8"
+              "ABCDe");
+    for (const char *cut : {"\xC3", "\xE1\x82", "\xF0\x90\x90",
+                            "\xFC"
+                            "AB"}) {
+        EXPECT_EQ(changed(cut, utf8tolower), cut);
+    }
+}
+
+TEST(Utf8Case, ComparisonsByExample)
+{
+    const struct {
+        const char *s1, *s2;
+        int n, expected;
+    } cases[] = {
+        {"Ünïcode", "üNÏCODE", -1, 0},
+        {"a", "b", -1, -1},
+        {"a", "é", -1, -1},
+        {"", "é", -1, -195},
+        {"", "é", 9, -1},
+        {"\x80", "", -1, 128},
+        {"\x80", "", 9, 1},
+        {"Aé", "aé", 2, -1},
+        {"Aé", "aa", 2, 1},
+        {"Aé", "aÉ", 3, 0},
+        {"é", "É", 0, 0},
+        {"x", "y", -5, -1},
+        {"\xF8\x81", "\xF8\x82", 9, -1},
+        {"é", "ê", 2, -1},
+        {"ЯА", "яб", -1, -1},
+        {"\xC3", "\xC3", -1, 0},
+        {"\xC3", "à", -1, -1},
+        {"\xC3", "\xC3", 9, 0},
+        {"abcdefghijklmnopqrstuvwX", "ABCDEFGHIJKLMNOPQRSTUVWx", -1, 0},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(compare(bytes(c.s1), bytes(c.s2), c.n, 0), c.expected) << c.s1 << " " << c.s2;
+        EXPECT_EQ(sign(compare(bytes(c.s2), bytes(c.s1), c.n, 0)), -sign(c.expected));
+    }
+    EXPECT_EQ(utf8ncasecmp(bytes("a").data(), bytes("b").data(), -1), 0);
+}
+
+TEST(Utf8Case, RandomTextsCompareByTheRules)
+{
+    std::mt19937 random(11);
+    const auto twin = [&](const Bytes &text) {
+        Bytes other = bytes(changed(std::string(text.begin(), text.end()),
+                                    random() % 2 == 0 ? utf8tolower : utf8toupper));
+        if (random() % 2 == 0 && !other.empty()) {
+            other[random() % other.size()] = static_cast<UTF8>(1 + random() % 255);
+        }
+        return other;
+    };
+    for (unsigned round = 0; round < 30000 / slowness; ++round) {
+        const Bytes text = random_text(random, random() % 60, random() % 2 == 0);
+        const Bytes other = twin(text);
+        const int n = static_cast<int>(random() % 90);
+        const size_t offset = random() % 33;
+        ASSERT_EQ(compare(text, other, -1, offset), plain_compare(text, other, -1))
+            << testing::PrintToString(text) << testing::PrintToString(other);
+        ASSERT_EQ(compare(text, other, n, offset), plain_compare(text, other, n))
+            << testing::PrintToString(text) << testing::PrintToString(other) << n;
+    }
+}
