@@ -1,14 +1,27 @@
 // rep_stream.cpp - replication records, output streams and input streams.
 //
 // Three parts, each with its own design comment: records and conversions, output, input.
-#include "koutil/rep_records.h"
+#include "koutil/rep_stream.h"
 
+#include "internal/assert.h"
+#include "internal/literal.h"
 #include "internal/rep_convert.h"
+#include "koutil/dopanic.h"
+#include "koutil/kovalog.h"
+#include "koutil/logger.h"
+#include "koutil/msleep.h"
 
+#include <algorithm>
+#include <atomic>
 #include <bit>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <sys/socket.h>
 #include <type_traits>
+#include <unistd.h>
 #include <utility>
 
 // Records and conversions
@@ -557,5 +570,1025 @@ void swap_rep_state(rep_src_state_t *state, int tgt_count)
     for (int i = 0; i < tgt_count; i++, target += sizeof(rep_target_state_t)) {
         convert<TargetStateLayout>(target);
         convert<TargetStatsLayout>(target + offsetof(rep_target_state_t, rep_target_stats));
+    }
+}
+
+// Output
+//
+// The buffer gathers records; a flush hands it to the socket, to the backing file, or to both. The
+// boundaries at which bytes leave are fixed: every 65536 bytes of the stream since the last flush,
+// and only when more is to come. Two shortcuts keep them: records of known size are built in the
+// buffer itself when it has room, and a large object leaves from the caller's memory in pieces of
+// one buffer, except the last, which stays buffered as it would have otherwise.
+//
+// Locks: the writers' lock (rep_in_mutex) is the callers' and covers the buffer. rep_mutex covers
+// the reference count, the offset, the flags and the descriptors' closing; it is never held over a
+// system call that may block. A flush reads the descriptors without it: they are atomic.
+//
+// Frames that assert or call stream_complete own nothing: a panic handler may leave by longjmp.
+
+namespace
+{
+
+constexpr int error_level = 3;
+
+// Record buffers on the stack: the longest fixed part and a padded name.
+constexpr uint32_t largest_file_record = REP_FILE_INFO_LEN + REP_MAX_NAME_LEN + 1;
+
+static_assert(offsetof(rep_stream_t, rep_buffer) + offsetof(rep_buffer_t, rep_data) == 184);
+static_assert(offsetof(rep_target_t, rep_tgt_sock) == 0);
+
+constexpr uint32_t padded(uint32_t length)
+{
+    return (length + 3) & ~uint32_t{3};
+}
+
+int descriptor(int32_t &field)
+{
+    return std::atomic_ref<int32_t>(field).load(std::memory_order_relaxed);
+}
+
+// The platform's text for an error number, which may be in `text`.
+const char *error_text(int error, char (&text)[128])
+{
+    return strerror_r(error, text, sizeof text);
+}
+
+void log_errno(const char *format)
+{
+    char text[128];
+    __vorn_logfn(error_level, koutil::literal(format), error_text(errno, text));
+}
+
+// send(2) without a signal; a socket that takes nothing at all counts as broken.
+ssize_t send_piece(int sock, const void *data, size_t length)
+{
+    const ssize_t sent = send(sock, data, length, MSG_NOSIGNAL);
+    if (sent == 0) {
+        errno = EIO;
+        return -1;
+    }
+    return sent;
+}
+
+// Hands one piece to whatever takes it. Returns what the flush counts: the bytes that the socket,
+// or else the file, took; 0 without either; -1 for a failure, which is logged.
+ssize_t write_piece(rep_stream_t *stream, const uint8_t *data, size_t length, bool &last)
+{
+    const int sock = descriptor(stream->rep_sock);
+    const int file = descriptor(stream->rep_queued_fd);
+    last = sock == -1;
+    if (sock != -1) {
+        const ssize_t sent = send_piece(sock, data, length);
+        if (sent < 0) {
+            log_errno("Failed to send data. %s\n");
+            return -1;
+        }
+        if (file != -1 && write(file, data, static_cast<size_t>(sent)) < 0) {
+            log_errno("Failed to write queued stream. %s\n");
+            return -1;
+        }
+        return sent;
+    }
+    if (file == -1) {
+        return 0;
+    }
+    const ssize_t written = write(file, data, length);
+    if (written < 0) {
+        log_errno("Failed to write queued stream %s\n");
+    }
+    return written;
+}
+
+void advance(rep_stream_t *stream, size_t length)
+{
+    pthread_mutex_lock(&stream->rep_mutex.mutex);
+    stream->rep_stream_offset += length;
+    if (stream->rep_targ_waiting != 0) {
+        pthread_cond_broadcast(&stream->rep_cond.cond);
+    }
+    pthread_mutex_unlock(&stream->rep_mutex.mutex);
+}
+
+// Writes `length` bytes out, in pieces as the socket accepts them. Without a socket there is one
+// piece: what a file leaves of it, or what nobody takes, is gone.
+int write_out(rep_stream_t *stream, const uint8_t *data, size_t length)
+{
+    while (length > 0) {
+        bool last = false;
+        const ssize_t taken = write_piece(stream, data, length, last);
+        if (taken < 0) {
+            return -1;
+        }
+        if (taken > 0) {
+            advance(stream, static_cast<size_t>(taken));
+        }
+        if (last) {
+            break;
+        }
+        data += taken;
+        length -= static_cast<size_t>(taken);
+    }
+    return 0;
+}
+
+void put(rep_buffer_t *buffer, const uint8_t *data, uint32_t length)
+{
+    memcpy(buffer->rep_data + buffer->rep_used, data, length);
+    buffer->rep_used += length;
+}
+
+// Sends pieces of one buffer from the caller's memory while more is to come behind them. A piece
+// that fails is left in the buffer, where a repeated flush finds it.
+int send_from_memory(rep_stream_t *stream, const uint8_t *&data, uint32_t &length)
+{
+    while (length > REP_BUFFER_SIZE) {
+        const int status = write_out(stream, data, REP_BUFFER_SIZE);
+        if (status != 0) {
+            put(&stream->rep_buffer, data, REP_BUFFER_SIZE);
+            return status;
+        }
+        data += REP_BUFFER_SIZE;
+        length -= REP_BUFFER_SIZE;
+    }
+    return 0;
+}
+
+// Appends the `length` bytes that `build` writes at the address it is given: in the buffer where
+// there is room, else on the stack.
+template <typename Build>
+int append_record(rep_stream_t *stream, uint32_t length, Build build)
+{
+    rep_buffer_t *buffer = &stream->rep_buffer;
+    if (buffer->rep_used <= REP_BUFFER_SIZE - length) {
+        build(buffer->rep_data + buffer->rep_used);
+        buffer->rep_used += length;
+        return 0;
+    }
+    unsigned char record[largest_file_record];
+    build(record);
+    return send_to_stream(stream, record, length);
+}
+
+// Copies data and zeroes its padding.
+void put_padded(unsigned char *to, const void *data, uint32_t length)
+{
+    if (length > 0) {
+        memset(to + padded(length) - 4, 0, 4);
+        memcpy(to, data, length);
+    }
+}
+
+struct Name {
+    const char *text;
+    uint16_t length;
+};
+
+// Measures a name, null being one of length 0. Returns false when it is too long to be sent.
+bool measure(const char *filename, Name &name)
+{
+    const size_t length = filename != nullptr ? strnlen(filename, REP_MAX_NAME_LEN + 1) : 0;
+    name = {filename, static_cast<uint16_t>(length)};
+    return length <= REP_MAX_NAME_LEN;
+}
+
+// Appends a record in host order and the name behind it.
+template <typename Layout>
+int append_named(rep_stream_t *stream, const typename Layout::Record &record, const Name &name)
+{
+    constexpr uint32_t fixed = sizeof(typename Layout::Record);
+    return append_record(stream, fixed + padded(name.length), [&](unsigned char *wire) {
+        store<Layout>(wire, record);
+        put_padded(wire + fixed, name.text, name.length);
+    });
+}
+
+constexpr uint32_t permission_bits(uint32_t mode)
+{
+    return mode & ~uint32_t{0xF000};
+}
+
+// Fills what both file records take from the sender's arguments.
+template <typename File>
+void set_arguments(File &file, uint16_t type, const Name &name, const inode_id_t *parent,
+                   uint16_t status, const tmspec_t *etime, uint32_t seqno)
+{
+    file.rep_magic = REP_FILE_MAGIC;
+    file.rep_type = type;
+    file.rep_namelen = name.length;
+    file.rep_status = status;
+    file.rep_pad = 0;
+    file.rep_seqno = seqno;
+    file.rep_parent_inum = parent->inum;
+    file.rep_parent_igen = parent->igen;
+    file.rep_etime = etime != nullptr ? *etime : tmspec_t{0, 0};
+}
+
+// Sends a whole record to one target.
+int send_direct(const rep_target_t *target, const unsigned char *record, size_t length)
+{
+    while (length > 0) {
+        const ssize_t sent = send_piece(target->rep_tgt_sock, record, length);
+        if (sent < 0) {
+            __vorn_logfn(error_level,
+                         koutil::literal("Error sending %d bytes to target. Error=%d\n"),
+                         static_cast<int>(length), errno);
+            return static_cast<int>(sent);
+        }
+        record += sent;
+        length -= static_cast<size_t>(sent);
+    }
+    return 0;
+}
+
+void build_command(unsigned char *wire, uint16_t type, const uint8_t *data, uint32_t length)
+{
+    store<CmdLayout>(wire, {REP_CMD_MAGIC, type, static_cast<uint16_t>(length)});
+    put_padded(wire + REP_CMD_LEN, data, length);
+}
+
+// The caller holds rep_mutex.
+void close_descriptor(int32_t &field)
+{
+    const std::atomic_ref<int32_t> shared(field);
+    const int fd = shared.load(std::memory_order_relaxed);
+    if (fd != -1) {
+        shared.store(-1, std::memory_order_relaxed);
+        close(fd);
+    }
+}
+
+// The caller holds rep_mutex.
+void close_locked(rep_stream_t *stream, int flags)
+{
+    close_descriptor(stream->rep_sock);
+    close_descriptor(stream->rep_queued_fd);
+    stream->rep_stream_flags |= static_cast<uint32_t>(flags);
+    if (stream->rep_targ_waiting != 0) {
+        pthread_cond_broadcast(&stream->rep_cond.cond);
+    }
+}
+
+// Gives a reference back and the caller's hold of rep_mutex with it.
+int drop_locked(rep_stream_t *stream)
+{
+    KO_ASSERT(stream->rep_ref_cnt > 0);
+    const bool remains = --stream->rep_ref_cnt > 0;
+    pthread_mutex_unlock(&stream->rep_mutex.mutex);
+    if (remains) {
+        return 1;
+    }
+    if (stream->stream_complete != nullptr) {
+        stream->stream_complete(stream);
+    }
+    free(stream);
+    return 0;
+}
+
+void panic_unless_made(int status, const char *what, int line)
+{
+    if (status != 0) {
+        DoPanic("", what, 1, KO_MODULE, line);
+    }
+}
+
+} // namespace
+
+rep_stream_t *create_rep_out_stream(void)
+{
+    auto *stream = static_cast<rep_stream_t *>(calloc(1, sizeof(rep_stream_t)));
+    if (stream == nullptr) {
+        return nullptr;
+    }
+    stream->rep_sock = -1;
+    stream->rep_queued_fd = -1;
+    panic_unless_made(vo_thread_mutex_init(&stream->rep_in_mutex, nullptr),
+                      "out stream rep_in_mutex THREAD_MUTEX_INIT", __LINE__);
+    panic_unless_made(vo_thread_mutex_init(&stream->rep_mutex, nullptr),
+                      "out stream rep_mutex THREAD_MUTEX_INIT", __LINE__);
+    panic_unless_made(vo_thread_cond_init(&stream->rep_cond, nullptr),
+                      "out stream rep_cond THREAD_COND_INIT", __LINE__);
+    stream->rep_ref_cnt = 1;
+    stream->start_time = MicroTime();
+    return stream;
+}
+
+void assign_rep_target_sync(rep_stream_t *stream, int sock)
+{
+    std::atomic_ref<int32_t>(stream->rep_sock).store(sock, std::memory_order_relaxed);
+}
+
+void assign_rep_backing_file(rep_stream_t *stream, int fd)
+{
+    std::atomic_ref<int32_t>(stream->rep_queued_fd).store(fd, std::memory_order_relaxed);
+}
+
+int rewind_rep_backing_file(rep_stream_t *stream)
+{
+    return static_cast<int>(lseek(descriptor(stream->rep_queued_fd), 0, SEEK_SET));
+}
+
+void lock_stream(rep_stream_t *stream)
+{
+    pthread_mutex_lock(&stream->rep_in_mutex.mutex);
+}
+
+void unlock_stream(rep_stream_t *stream)
+{
+    pthread_mutex_unlock(&stream->rep_in_mutex.mutex);
+}
+
+void hold_stream(rep_stream_t *stream)
+{
+    pthread_mutex_lock(&stream->rep_mutex.mutex);
+    KO_ASSERT(stream->rep_ref_cnt > 0);
+    stream->rep_ref_cnt++;
+    pthread_mutex_unlock(&stream->rep_mutex.mutex);
+}
+
+int drop_stream(rep_stream_t *stream)
+{
+    pthread_mutex_lock(&stream->rep_mutex.mutex);
+    return drop_locked(stream);
+}
+
+void close_rep_stream(rep_stream_t *stream, int flags)
+{
+    pthread_mutex_lock(&stream->rep_mutex.mutex);
+    close_locked(stream, flags);
+    pthread_mutex_unlock(&stream->rep_mutex.mutex);
+}
+
+int cleanup_rep_stream(rep_stream_t *stream, int flags)
+{
+    pthread_mutex_lock(&stream->rep_mutex.mutex);
+    close_locked(stream, flags);
+    return drop_locked(stream);
+}
+
+int send_to_stream(rep_stream_t *stream, const void *object, uint32_t len)
+{
+    rep_buffer_t *buffer = &stream->rep_buffer;
+    auto *data = static_cast<const uint8_t *>(object);
+    if (buffer->rep_used == REP_BUFFER_SIZE && flush_rep_stream(stream) != 0) {
+        return -1;
+    }
+    while (len > 0) {
+        if (buffer->rep_used == 0 && send_from_memory(stream, data, len) != 0) {
+            return -1;
+        }
+        KO_ASSERT(buffer->rep_used <= REP_BUFFER_SIZE);
+        const uint32_t piece = std::min(len, REP_BUFFER_SIZE - buffer->rep_used);
+        put(buffer, data, piece);
+        data += piece;
+        len -= piece;
+        if (len > 0 && flush_rep_stream(stream) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int flush_rep_stream(rep_stream_t *stream)
+{
+    rep_buffer_t *buffer = &stream->rep_buffer;
+    KO_ASSERT(buffer->rep_used <= REP_BUFFER_SIZE);
+    if (write_out(stream, buffer->rep_data, buffer->rep_used) != 0) {
+        return -1;
+    }
+    buffer->rep_used = 0;
+    return 0;
+}
+
+int send_rep_header(rep_stream_t *stream, rep_target_t *target, dm_fsid_t fsid, uint32_t flags,
+                    uint64_t key, uint64_t stream_id)
+{
+    const rep_header_t header = {
+        REP_HEADER_MAGIC, static_cast<uint16_t>(flags), REP_STREAM_VERSION, fsid, key, stream_id};
+    if (target == nullptr) {
+        return append_record(stream, REP_HEADER_LEN,
+                             [&](unsigned char *wire) { store<HeaderLayout>(wire, header); });
+    }
+    unsigned char record[REP_HEADER_LEN];
+    store<HeaderLayout>(record, header);
+    return send_direct(target, record, sizeof record);
+}
+
+int send_rep_command(rep_stream_t *stream, rep_target_t *target, uint16_t cmd_type,
+                     const uint8_t *data, size_t data_len)
+{
+    if (data_len > REP_MAX_CMD_LEN) {
+        __vorn_logfn(error_level,
+                     koutil::literal("Tried to send a command %d of size %d, max size %d.\n"),
+                     static_cast<int>(cmd_type), static_cast<int>(data_len), REP_MAX_CMD_LEN);
+        return -1;
+    }
+    const auto payload = static_cast<uint32_t>(data_len);
+    const uint32_t length = REP_CMD_LEN + padded(payload);
+    if (target == nullptr && stream->rep_buffer.rep_used <= REP_BUFFER_SIZE - length) {
+        rep_buffer_t *buffer = &stream->rep_buffer;
+        build_command(buffer->rep_data + buffer->rep_used, cmd_type, data, payload);
+        buffer->rep_used += length;
+        return 0;
+    }
+    auto *record = static_cast<unsigned char *>(malloc(REP_CMD_LEN + REP_MAX_CMD_LEN));
+    if (record == nullptr) {
+        __vorn_logfn(error_level, koutil::literal("Memory allocation for sending rep command.\n"));
+        return -1;
+    }
+    build_command(record, cmd_type, data, payload);
+    const int status = target != nullptr ? send_direct(target, record, length)
+                                         : send_to_stream(stream, record, length);
+    free(record);
+    return status;
+}
+
+int send_rep_command_sync(rep_stream_t *stream, uint16_t cmd_type, const uint8_t *data,
+                          size_t data_len)
+{
+    const int status = send_rep_command(stream, nullptr, cmd_type, data, data_len);
+    return status != -1 ? flush_rep_stream(stream) : status;
+}
+
+int send_file_header(rep_stream_t *stream, uint16_t type, const char *filename,
+                     const inode_id_t *parent, uint16_t rep_state, const ExtendedStat_t *stat,
+                     const tmspec_t *etime, uint32_t data_cnt, uint32_t seqno)
+{
+    Name name;
+    if (!measure(filename, name)) {
+        return -1;
+    }
+    rep_file_t file;
+    set_arguments(file, type, name, parent, rep_state, etime, seqno);
+    file.rep_data_cnt = rep_state != 0 && stat->sr_size != 0 ? data_cnt : 0;
+    file.rep_attr_flags = stat->sr_attr_flags;
+    file.rep_uid = stat->sr_uid;
+    file.rep_gid = stat->sr_gid;
+    file.rep_mode = permission_bits(stat->sr_mode);
+    file.rep_inode_inum = stat->sr_ino;
+    file.rep_inode_igen = stat->sr_gen;
+    file.rep_ntsd_key = stat->sr_nt_sd_key;
+    file.rep_ctime = stat->sr_ctim;
+    file.rep_mtime = stat->sr_mtim;
+    file.rep_size = stat->sr_size;
+    return append_named<FileLayout>(stream, file, name);
+}
+
+int send_ip_header(rep_stream_t *stream, uint16_t type, const char *filename,
+                   const inode_id_t *parent, uint16_t rep_state, const inode_t *ip,
+                   const tmspec_t *etime, uint32_t data_cnt, uint32_t seqno)
+{
+    constexpr uint64_t inode_number_bits = 0x7F807FFFFFFFFFFF;
+    Name name;
+    if (!measure(filename, name)) {
+        return -1;
+    }
+    const idinode_t &disk = ip->i_idinode;
+    const bool counts = type == REP_TYPE_IP || (rep_state != 0 && disk.idi_size != 0);
+    file_info_t file;
+    set_arguments(file, type, name, parent, rep_state, etime, seqno);
+    file.rep_data_cnt = counts ? data_cnt : 0;
+    file.rep_attr_flags = disk.idi_attr_flags;
+    file.rep_uid = disk.idi_uid;
+    file.rep_gid = disk.idi_gid;
+    file.rep_mode = permission_bits(disk.idi_mode);
+    file.rep_inode_inum = ip->i_inode_number & inode_number_bits;
+    file.rep_inode_igen = disk.idi_gen;
+    file.rep_ntsd_key = disk.idi_ntsec_key;
+    file.rep_ctime = disk.u_ctime.ts;
+    file.rep_mtime = disk.u_mtime.ts;
+    file.rep_size = disk.idi_size;
+    file.rep_ino_seqno = disk.idi_seqno;
+    file.rep_ino_epoch = 0;
+    return append_named<FileInfoLayout>(stream, file, name);
+}
+
+int send_packed_file_header(rep_stream_t *stream, uint16_t type, const rep_file_t *in_file,
+                            const char *filename)
+{
+    Name name;
+    if (!measure(filename, name)) {
+        return -1;
+    }
+    rep_file_t file = *in_file;
+    file.rep_type = type;
+    return append_named<FileLayout>(stream, file, name);
+}
+
+int send_file_ns(rep_stream_t *stream, uint16_t type, const char *filename,
+                 const rep_file_t *rep_file, dm_ino_t inum, dm_igen_t igen, uint32_t ns_flags)
+{
+    Name name;
+    if (filename == nullptr || !measure(filename, name)) {
+        return -1;
+    }
+    if (type != REP_TYPE_NS_FILE) {
+        rep_file_t file = *rep_file;
+        file.rep_magic = REP_FILE_MAGIC;
+        file.rep_type = type;
+        file.rep_namelen = name.length;
+        file.rep_status = 0;
+        file.rep_pad = 0;
+        return append_named<FileLayout>(stream, file, name);
+    }
+    rep_ns_file_t ns;
+    ns.rep_magic = REP_FILE_MAGIC;
+    ns.rep_type = type;
+    ns.rep_namelen = name.length;
+    ns.rep_inode_inum = rep_file->rep_inode_inum;
+    ns.rep_parent_inum = rep_file->rep_parent_inum;
+    ns.rep_local_inum = inum;
+    ns.rep_inode_igen = rep_file->rep_inode_igen;
+    ns.rep_parent_igen = rep_file->rep_parent_igen;
+    ns.rep_local_igen = igen;
+    ns.rep_ns_flags = ns_flags;
+    return append_named<NsFileLayout>(stream, ns, name);
+}
+
+int send_file_data(rep_stream_t *stream, const uint8_t *buffer, uint32_t length)
+{
+    constexpr uint8_t zeros[4] = {};
+    const int status = send_to_stream(stream, buffer, length);
+    const uint32_t padding = -length & 3;
+    return status == 0 && padding != 0 ? send_to_stream(stream, zeros, padding) : status;
+}
+
+int send_blob_record(rep_stream_t *stream, uint64_t offset, uint64_t length, uint64_t bloboff,
+                     const char *blobtag)
+{
+    rep_blob_t blob = {offset, length, bloboff, {}};
+    memcpy(blob.rep_tag, blobtag, sizeof blob.rep_tag);
+    return append_record(stream, REP_BLOB_LEN,
+                         [&](unsigned char *wire) { store<BlobLayout>(wire, blob); });
+}
+
+int send_small_blob_record(rep_stream_t *stream, uint64_t offset, uint64_t length, uint64_t bloboff,
+                           const char *blobtag)
+{
+    rep_small_blob_t blob = {static_cast<uint32_t>(offset),
+                             static_cast<uint32_t>(length),
+                             static_cast<uint32_t>(bloboff),
+                             {}};
+    memcpy(blob.rep_tag, blobtag, sizeof blob.rep_tag);
+    return append_record(stream, REP_SMALL_BLOB_LEN,
+                         [&](unsigned char *wire) { store<SmallBlobLayout>(wire, blob); });
+}
+
+int send_sd_mapping(rep_stream_t *stream, uint64_t sd_key, const uint8_t *sd_data,
+                    uint32_t sd_data_len)
+{
+    if (sd_data_len > REP_MAX_SD_LEN) {
+        return -3;
+    }
+    const uint32_t length = REP_SD_MAPPING_LEN + padded(sd_data_len);
+    auto *record = static_cast<unsigned char *>(malloc(length));
+    if (record == nullptr) {
+        __vorn_logfn(error_level,
+                     koutil::literal("Cannot allocate %d bytes for rep_sd_mapping. \n"),
+                     static_cast<int>(length));
+        return -2;
+    }
+    rep_sd_mapping_t mapping;
+    mapping.rep_magic = REP_SD_MAGIC;
+    mapping.rep_type = REP_TYPE_SD_MAPPING;
+    mapping.rep_pad = 0;
+    mapping.rep_sd_key = sd_key;
+    mapping.rep_sd_data_len = sd_data_len;
+    store<SdMappingLayout>(record, mapping);
+    put_padded(record + REP_SD_MAPPING_LEN, sd_data, sd_data_len);
+    const int status = send_to_stream(stream, record, length);
+    free(record);
+    return status;
+}
+
+// Input
+//
+// The buffer's unread bytes lie between rep_used and rep_buf_offset. A fill reads as much as the
+// buffer has room for, so that small records cost one read per buffer; it moves the unread bytes to
+// the front only when it needs the room. Every extraction makes its bytes ready, hands them out and
+// checks what they say before they move or size anything: lengths from the wire are held against
+// the caller's room first. Bytes handed out are valid to the next fill, so a fixed part is copied
+// out before its name or data is asked for.
+//
+// Large data skips the buffer: when it is empty, a buffer's worth is read into the caller's memory
+// by the same loop, under the same rules.
+
+namespace
+{
+
+static_assert(offsetof(rep_in_stream_t, rep_buffer) + offsetof(rep_buffer_t, rep_data) == 80);
+
+uint32_t buffered(const rep_in_stream_t *stream)
+{
+    return stream->rep_buffer.rep_buf_offset - stream->rep_buffer.rep_used;
+}
+
+bool ended(const rep_in_stream_t *stream)
+{
+    return (stream->rep_stream_flags & REP_IN_ENDED) != 0;
+}
+
+// Waits for data as long as the time-out allows. An interrupted wait reports no event, like a
+// socket that has gone.
+bool wait_for_data(rep_in_stream_t *stream)
+{
+    if (stream->read_timeout == 0) {
+        return true;
+    }
+    const int timeout = static_cast<int>(std::min<uint32_t>(stream->read_timeout, INT_MAX));
+    const int ready = DPoll(&stream->stream_poll, timeout);
+    if (ready == 0) {
+        stream->rep_stream_flags |= REP_IN_TIMED_OUT;
+        return false;
+    }
+    const bool failed = ready < 0 && errno != EINTR;
+    const short events = DPollXRevents(stream->rep_sock, &stream->stream_poll);
+    if (failed || events == 0) {
+        stream->rep_stream_flags |= REP_IN_ENDED;
+        return false;
+    }
+    return true;
+}
+
+// Reads behind `have` bytes at `to`, a place for `room` bytes, until there are `needed`, the stream
+// ends or a wait times out. Returns the bytes that are there.
+uint32_t read_up_to(rep_in_stream_t *stream, uint8_t *to, uint32_t have, uint32_t needed,
+                    uint32_t room)
+{
+    const uint64_t start = MicroTime();
+    while (have < needed && have < room && wait_for_data(stream)) {
+        const ssize_t got = read(stream->rep_sock, to + have, room - have);
+        if (got <= 0) {
+            stream->rep_stream_flags |= REP_IN_ENDED;
+            break;
+        }
+        have += static_cast<uint32_t>(got);
+    }
+    const uint64_t end = MicroTime();
+    stream->wait_time += end > start ? end - start : 0;
+    return have;
+}
+
+// Fills the buffer to `needed` bytes, or as many as it holds.
+void fill(rep_in_stream_t *stream, uint32_t needed)
+{
+    rep_buffer_t *buffer = &stream->rep_buffer;
+    const uint32_t have = buffered(stream);
+    if (REP_BUFFER_SIZE - buffer->rep_buf_offset < needed) {
+        memmove(buffer->rep_data, buffer->rep_data + buffer->rep_used, have);
+        buffer->rep_buf_offset = have;
+        buffer->rep_used = 0;
+    }
+    if (have < needed) {
+        const uint32_t room = REP_BUFFER_SIZE - buffer->rep_used;
+        buffer->rep_buf_offset =
+            buffer->rep_used +
+            read_up_to(stream, buffer->rep_data + buffer->rep_used, have, needed, room);
+    }
+}
+
+// Whether a fill is called for when exactly the wanted bytes are buffered; it would read nothing
+// then, but may move them.
+enum class Exact { fills, stays };
+
+// Makes `length` bytes ready. Returns false, and has consumed nothing, when fewer arrive.
+bool make_ready(rep_in_stream_t *stream, uint32_t length, Exact exact = Exact::fills)
+{
+    const uint32_t have = buffered(stream);
+    if (have > length || (exact == Exact::stays && have == length)) {
+        return true;
+    }
+    if (!ended(stream)) {
+        fill(stream, length);
+    }
+    return buffered(stream) >= length;
+}
+
+// Hands out `length` buffered bytes, valid to the next fill.
+const uint8_t *consume(rep_in_stream_t *stream, uint32_t length)
+{
+    rep_buffer_t *buffer = &stream->rep_buffer;
+    const uint8_t *bytes = buffer->rep_data + buffer->rep_used;
+    buffer->rep_used += length;
+    KO_ASSERT(buffer->rep_used <= buffer->rep_buf_offset);
+    if (buffer->rep_used == buffer->rep_buf_offset) {
+        buffer->rep_used = 0;
+        buffer->rep_buf_offset = 0;
+    }
+    stream->rep_stream_offset += length;
+    return bytes;
+}
+
+// Takes the fixed part of a record, `wire_length` bytes.
+template <typename Layout>
+bool take(rep_in_stream_t *stream, uint32_t wire_length, void *record, Exact exact = Exact::fills)
+{
+    if (!make_ready(stream, wire_length, exact)) {
+        return false;
+    }
+    load<Layout>(record, consume(stream, wire_length));
+    return true;
+}
+
+// Takes the name behind a fixed part that said how long it is.
+int take_name(rep_in_stream_t *stream, uint32_t magic, uint32_t length, char *filename,
+              uint32_t room)
+{
+    if (magic != REP_FILE_MAGIC || length + 1 > room) {
+        return -1;
+    }
+    if (length == 0) {
+        return 0;
+    }
+    if (!make_ready(stream, padded(length))) {
+        return -1;
+    }
+    memcpy(filename, consume(stream, padded(length)), length);
+    filename[length] = '\0';
+    return static_cast<int>(length);
+}
+
+int take_header(rep_in_stream_t *stream, rep_header_t *header, Exact exact)
+{
+    if (!take<HeaderLayout>(stream, REP_HEADER_LEN, header, exact) ||
+        header->rep_magic != REP_HEADER_MAGIC) {
+        return -1;
+    }
+    stream->stream_id = header->rep_stream_id;
+    return 0;
+}
+
+int _extract_rep_cmd(rep_in_stream_t *stream, uint8_t *data, uint32_t data_len, uint32_t *ret_len,
+                     Exact exact)
+{
+    const bool whole = make_ready(stream, REP_CMD_LEN, exact);
+    if (ret_len != nullptr) {
+        *ret_len = buffered(stream);
+    }
+    if (!whole) {
+        return -1;
+    }
+    rep_cmd_t cmd;
+    load<CmdLayout>(&cmd, consume(stream, REP_CMD_LEN));
+    if (cmd.rep_magic != REP_CMD_MAGIC) {
+        return -1;
+    }
+    if (cmd.rep_cmdlen == 0) {
+        return cmd.rep_type;
+    }
+    const uint32_t length = padded(cmd.rep_cmdlen);
+    if (length > data_len || extract_rep_data(stream, data, length) != 0 || ret_len == nullptr) {
+        return -1;
+    }
+    *ret_len = cmd.rep_cmdlen;
+    return cmd.rep_type;
+}
+
+// Takes up to `length` bytes of data. Returns how many, 0 when none come any more.
+uint32_t take_data(rep_in_stream_t *stream, uint8_t *to, uint32_t length)
+{
+    if (to != nullptr && length >= REP_BUFFER_SIZE && buffered(stream) == 0) {
+        const uint32_t got =
+            ended(stream) ? 0 : read_up_to(stream, to, 0, REP_BUFFER_SIZE, REP_BUFFER_SIZE);
+        stream->rep_stream_offset += got;
+        return got;
+    }
+    make_ready(stream, length);
+    const uint32_t piece = std::min(length, buffered(stream));
+    if (piece > 0) {
+        const uint8_t *bytes = consume(stream, piece);
+        if (to != nullptr) {
+            memcpy(to, bytes, piece);
+        }
+    }
+    return piece;
+}
+
+bool debug_peek()
+{
+    const debug_facility &facility = facilities[DBG_FAC_KOPOL];
+    return facility.debug_flags != nullptr && facility.debug_flag_size > 1 &&
+           (facility.debug_flags[1] & 1) != 0;
+}
+
+bool has_type(uint32_t magic)
+{
+    constexpr uint32_t typed[] = {REP_FILE_MAGIC, REP_CMD_MAGIC, REP_SD_MAGIC, REP_SERVICE_MAGIC_1,
+                                  REP_SERVICE_MAGIC_2};
+    return std::find(std::begin(typed), std::end(typed), magic) != std::end(typed);
+}
+
+} // namespace
+
+rep_in_stream_t *create_rep_in_stream(int sock)
+{
+    auto *stream = static_cast<rep_in_stream_t *>(calloc(1, sizeof(rep_in_stream_t)));
+    if (stream == nullptr) {
+        return nullptr;
+    }
+    if (DPollInit(&stream->stream_poll) != 0 ||
+        DPollSet(sock, POLLIN | POLLRDHUP, &stream->stream_poll) != 0) {
+        DPollFree(&stream->stream_poll);
+        free(stream);
+        return nullptr;
+    }
+    stream->rep_sock = sock;
+    stream->start_time = MicroTime();
+    return stream;
+}
+
+void set_stream_in_timeout(rep_in_stream_t *stream, uint32_t timeout)
+{
+    stream->read_timeout = timeout <= UINT32_MAX / 1000 ? timeout * 1000 : UINT32_MAX;
+}
+
+void cleanup_rep_in_stream(rep_in_stream_t *stream)
+{
+    if (stream->rep_sock != 0 && stream->rep_sock != -1) {
+        close(stream->rep_sock);
+    }
+    DPollFree(&stream->stream_poll);
+    free(stream);
+}
+
+int peek_rep_stream(rep_in_stream_t *stream)
+{
+    if (!make_ready(stream, REP_CMD_LEN)) {
+        if (debug_peek()) {
+            __vorn_debugfn(0,
+                           koutil::literal("peek_rep_stream: Available data: %d is less than the "
+                                           "requested data: %d, rep_stream_flags: 0x%x.\n"),
+                           static_cast<int>(buffered(stream)), REP_CMD_LEN,
+                           stream->rep_stream_flags);
+        }
+        return -1;
+    }
+    rep_cmd_t start; // every record begins like a command: magic and type
+    load<CmdLayout>(&start, stream->rep_buffer.rep_data + stream->rep_buffer.rep_used);
+    if (start.rep_magic == REP_HEADER_MAGIC) {
+        return 1;
+    }
+    if (has_type(start.rep_magic)) {
+        return start.rep_type;
+    }
+    __vorn_logfn(
+        error_level,
+        koutil::literal("peek_rep_stream: magic (%x) doesn't match, rep_stream_flags: 0x%x.\n"),
+        start.rep_magic, stream->rep_stream_flags);
+    return -1;
+}
+
+int extract_rep_header(rep_in_stream_t *stream, rep_header_t *header)
+{
+    return take_header(stream, header, Exact::fills);
+}
+
+int extract_rep_header_sync(rep_in_stream_t *stream, rep_header_t *header)
+{
+    return take_header(stream, header, Exact::stays);
+}
+
+int extract_rep_file(rep_in_stream_t *stream, rep_file_t *file, char *filename, uint32_t namelen)
+{
+    return _extract_rep_file(stream, file, REP_FILE_LEN, filename, namelen);
+}
+
+int extract_file_info(rep_in_stream_t *stream, file_info_t *file, char *filename, uint32_t namelen)
+{
+    return _extract_rep_file(stream, file, REP_FILE_INFO_LEN, filename, namelen);
+}
+
+int _extract_rep_file(rep_in_stream_t *stream, void *buff, uint32_t size, char *filename,
+                      uint32_t namelen)
+{
+    if ((size != REP_FILE_LEN && size != REP_FILE_INFO_LEN) || !make_ready(stream, size)) {
+        return -1;
+    }
+    const uint8_t *wire = consume(stream, size);
+    if (size == REP_FILE_LEN) {
+        load<FileLayout>(buff, wire);
+    } else {
+        load<FileInfoLayout>(buff, wire);
+    }
+    rep_cmd_t start; // a file record begins like a command: magic, type, length of what follows
+    memcpy(&start, buff, sizeof start);
+    return take_name(stream, start.rep_magic, start.rep_cmdlen, filename, namelen);
+}
+
+int extract_rep_ns_file(rep_in_stream_t *stream, rep_ns_file_t *file, char *filename,
+                        uint32_t namelen)
+{
+    if (!take<NsFileLayout>(stream, REP_NS_FILE_LEN, file)) {
+        return -1;
+    }
+    return take_name(stream, file->rep_magic, file->rep_namelen, filename, namelen);
+}
+
+int extract_rep_cmd(rep_in_stream_t *stream, uint8_t *data, uint32_t data_len, uint32_t *ret_len)
+{
+    return _extract_rep_cmd(stream, data, data_len, ret_len, Exact::fills);
+}
+
+int extract_rep_cmd_sync(rep_in_stream_t *stream, uint8_t *data, uint32_t data_len,
+                         uint32_t *ret_len)
+{
+    return _extract_rep_cmd(stream, data, data_len, ret_len, Exact::stays);
+}
+
+int extract_rep_data(rep_in_stream_t *stream, uint8_t *buffer, uint32_t length)
+{
+    const uint32_t padding = -length & 3;
+    while (length > 0) {
+        const uint32_t piece = take_data(stream, buffer, length);
+        if (piece == 0) {
+            return -1;
+        }
+        buffer = buffer != nullptr ? buffer + piece : nullptr;
+        length -= piece;
+    }
+    if (padding != 0) {
+        if (!make_ready(stream, padding)) {
+            return -1;
+        }
+        consume(stream, padding);
+    }
+    return 0;
+}
+
+int extract_rep_sd_mapping(rep_in_stream_t *stream, uint64_t *sd_key, uint8_t **sd_datap,
+                           uint32_t *sd_data_len)
+{
+    KO_ASSERT(*sd_data_len >= REP_MAX_SD_LEN);
+    if (sd_datap != nullptr) {
+        *sd_datap = nullptr;
+    }
+    rep_sd_mapping_t mapping;
+    if (!take<SdMappingLayout>(stream, REP_SD_MAPPING_LEN, &mapping)) {
+        __vorn_logfn(error_level,
+                     koutil::literal("Expected SD mapping header not in replication stream\n"));
+        return -1;
+    }
+    const uint32_t length = mapping.rep_sd_data_len;
+    if (mapping.rep_magic != REP_SD_MAGIC || mapping.rep_type != REP_TYPE_SD_MAPPING ||
+        length == 0 || length > REP_MAX_SD_LEN) {
+        __vorn_logfn(error_level,
+                     koutil::literal("Bad SD mapping in replication stream: magic %#x type %d "
+                                     "data_len %u max_sd_len %u\n"),
+                     mapping.rep_magic, static_cast<int>(mapping.rep_type), length,
+                     static_cast<unsigned int>(REP_MAX_SD_LEN));
+        return -1;
+    }
+    uint8_t *data = nullptr;
+    if (sd_datap != nullptr) {
+        data = static_cast<uint8_t *>(malloc(length));
+        if (data == nullptr) {
+            __vorn_logfn(
+                error_level,
+                koutil::literal("Cannot allocate space for SD data from replication stream\n"));
+            return -2;
+        }
+    }
+    if (extract_rep_data(stream, data, length) != 0) {
+        __vorn_logfn(error_level, koutil::literal("SD data not in replication stream\n"));
+        free(data);
+        return -1;
+    }
+    *sd_key = mapping.rep_sd_key;
+    *sd_data_len = length;
+    if (sd_datap != nullptr) {
+        *sd_datap = data;
+    }
+    return 0;
+}
+
+int extract_rep_blob(rep_in_stream_t *stream, rep_blob_t *blob)
+{
+    return take<BlobLayout>(stream, REP_BLOB_LEN, blob) ? 0 : -1;
+}
+
+int extract_rep_small_blob(rep_in_stream_t *stream, rep_blob_t *blob)
+{
+    rep_small_blob_t small;
+    if (!take<SmallBlobLayout>(stream, REP_SMALL_BLOB_LEN, &small)) {
+        return -1;
+    }
+    *blob = {small.rep_offset, small.rep_length, small.rep_bloboff, {}};
+    memcpy(blob->rep_tag, small.rep_tag, sizeof blob->rep_tag);
+    return 0;
+}
+
+int copy_rep_stream(rep_in_stream_t *in, rep_stream_t *out)
+{
+    for (;;) {
+        if (!ended(in)) {
+            fill(in, REP_BUFFER_SIZE);
+        }
+        const uint32_t length = buffered(in);
+        if (length == 0) {
+            return 0;
+        }
+        if (send_to_stream(out, consume(in, length), length) != 0) {
+            return -1;
+        }
     }
 }
