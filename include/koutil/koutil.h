@@ -80,5 +80,6 @@
 
 /* Replication and daemons. */
 #include "koutil/rep_records.h"
+#include "koutil/rep_stream.h"
 
 #endif
