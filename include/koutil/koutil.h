@@ -74,9 +74,12 @@
 /* Configuration and network. */
 #include "koutil/brandcfg.h"
 #include "koutil/fsports.h"
+#include "koutil/hostlookup.h"
 #include "koutil/kovacfg.h"
 #include "koutil/mntargs.h"
+#include "koutil/netif.h"
 #include "koutil/sock46.h"
+#include "koutil/subr2.h"
 
 /* Replication and daemons. */
 #include "koutil/rep_records.h"

@@ -1,0 +1,56 @@
+// private_host.h - a throw-away process with a network, a host name and a resolver of its own.
+#ifndef KOUTIL_TESTS_PRIVATE_HOST_H
+#define KOUTIL_TESTS_PRIVATE_HOST_H
+
+#include "support/support.h"
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+namespace support
+{
+
+// Runs `body` as run_in_child does, in network, mount and host-name namespaces of its own, with the
+// loopback interface up and the host name "mynode". Exits with kRefused where the kernel refuses
+// that or the program `ip` is missing.
+constexpr int kRefused = 77;
+Outcome run_in_private_host(const std::function<int()> &body);
+
+// Ends a test that needs what this host refuses.
+#define SKIP_IF_REFUSED(outcome)                                                                   \
+    if ((outcome).exited(support::kRefused)) {                                                     \
+        GTEST_SKIP() << "no private network here, the kernel side is not tested "                  \
+                     << (outcome).err;                                                             \
+    }
+
+// Runs the commands, one a line; stops the process at the first that fails.
+void run_commands(const std::string &lines);
+
+// What the resolver of a private host looks at: the hosts file, and the sources of its "hosts"
+// line ("files", "files dns"). The name server is 127.0.0.1.
+void set_resolver(const std::string &hosts, const std::string &sources);
+
+// A name server on 127.0.0.1 that knows no address. A name that begins with "nodata" exists, one
+// that begins with "fail" makes the server fail, every other is unknown.
+class NameServer
+{
+  public:
+    NameServer();
+    ~NameServer();
+    NameServer(const NameServer &) = delete;
+    NameServer &operator=(const NameServer &) = delete;
+
+    int queries() const { return queries_; }
+
+  private:
+    void serve();
+
+    int socket_;
+    std::atomic<int> queries_{0};
+    std::thread thread_;
+};
+
+} // namespace support
+
+#endif
