@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -28,6 +29,7 @@ namespace
 timeval now = {1767366245, 678}; // 20260102 15:04:05 UTC
 bool local_time_fails = false;
 int failing_writes = 0;
+std::atomic<bool> slow_writes{false};
 
 std::string stamp()
 {
@@ -75,6 +77,9 @@ extern "C" ssize_t write(int fd, const void *bytes, size_t size)
         failing_writes--;
         errno = ENOSPC;
         return -1;
+    }
+    if (slow_writes) {
+        usleep(100);
     }
     pthread_testcancel(); // as the real one does
     return syscall(SYS_write, fd, bytes, size);
@@ -297,6 +302,7 @@ TEST_F(LogFile, EightThreadsLoseTearAndDoubleNothing)
     constexpr int threads = 8;
     constexpr int lines = 400;
     ASSERT_EQ(SetupLogFile(name().c_str(), 4000, 100000), 1);
+    slow_writes = true; // so that most forks meet a held lock
     std::vector<std::thread> writers;
     for (int t = 0; t < threads; t++) {
         writers.emplace_back([t] {
@@ -316,6 +322,7 @@ TEST_F(LogFile, EightThreadsLoseTearAndDoubleNothing)
         waitpid(child, &status, 0);
         EXPECT_EQ(status, 0);
     }
+    slow_writes = false;
     for (auto &writer : writers) {
         writer.join();
     }

@@ -35,6 +35,7 @@
 #include "koutil/memsize.h"
 #include "koutil/msleep.h"
 #include "koutil/mutex.h"
+#include "koutil/payload.h"
 #include "koutil/priv_check.h"
 #include "koutil/rawip.h"
 #include "koutil/rss.h"
@@ -70,6 +71,7 @@
 #include "koutil/slidingbucket.h"
 #include "koutil/strint.h"
 #include "koutil/subr.h"
+#include "koutil/util_track.h"
 
 /* Configuration and network. */
 #include "koutil/brandcfg.h"
