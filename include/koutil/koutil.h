@@ -75,11 +75,13 @@
 
 /* Configuration and network. */
 #include "koutil/brandcfg.h"
+#include "koutil/fsmlist.h"
 #include "koutil/fsports.h"
 #include "koutil/hostlookup.h"
 #include "koutil/kovacfg.h"
 #include "koutil/mntargs.h"
 #include "koutil/netif.h"
+#include "koutil/kovagvar.h"
 #include "koutil/sock46.h"
 #include "koutil/subr2.h"
 
