@@ -79,9 +79,9 @@
 #include "koutil/fsports.h"
 #include "koutil/hostlookup.h"
 #include "koutil/kovacfg.h"
+#include "koutil/kovagvar.h"
 #include "koutil/mntargs.h"
 #include "koutil/netif.h"
-#include "koutil/kovagvar.h"
 #include "koutil/sock46.h"
 #include "koutil/subr2.h"
 
