@@ -1,9 +1,9 @@
 // queue_util.cpp - work queues and the pool of message blocks.
 //
 // A worker holds the lock from the end of one item to the start of the next, so an item costs it
-// one turn of the lock. Condition variables are signalled after the unlock where the waiter's
-// memory outlives the signal, so that who wakes up does not run into the lock at once; state is
-// always changed under the lock, which is what keeps a wake-up from being lost.
+// one turn of the lock, and fetches the node that will be next while it runs an item. State is
+// always changed under the lock, which is what keeps a wake-up from being lost; a producer wakes
+// workers after its unlock, so that they do not run into the lock at once.
 //
 //     condition          waiters                             woken
 //     queue_not_empty    workers without work                all: an item enters an empty list, a
@@ -105,6 +105,7 @@ int wait_for_room(msgqueue_t *pqueue)
 int _queue_add_work(msgqueue_t *pqueue, uint32_t priority, queue_routine_t routine, void *arg)
 {
     bool was_empty = false;
+    __builtin_prefetch(&static_cast<commblk_t *>(arg)->qitem, 1); // not while the lock is held
     {
         const koutil::LockGuard guard(pqueue->queue_lock);
         if (is_full(pqueue)) {
@@ -188,7 +189,9 @@ void *queue_thread(void *arg)
         const queue_item_t *item = take(pqueue);
         const queue_routine_t routine = item->routine;
         void *const block = item->arg;
+        const queue_item_t *following = pqueue->queue_head;
         unlock(pqueue); // from here on the node is the routine's
+        __builtin_prefetch(following);
         routine(block);
         lock(pqueue);
         finish(pqueue);
