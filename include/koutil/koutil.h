@@ -88,5 +88,6 @@
 /* Replication and daemons. */
 #include "koutil/rep_records.h"
 #include "koutil/rep_stream.h"
+#include "koutil/watcher.h"
 
 #endif
