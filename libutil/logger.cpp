@@ -56,11 +56,16 @@ const char *prefix_of_priority(int priority)
     return prefixes[priority];
 }
 
-// Where the two bare functions go on to; the labels are for their assembler text.
-__attribute__((used)) void info_output(const char *format, ...) asm("koutil_info_output");
-__attribute__((used)) void debug_output(const char *format, ...) asm("koutil_debug_output");
+} // namespace
 
-void info_output(const char *format, ...)
+// Where the two bare functions below go on to. Only their assembler text names these, so the names
+// are plain ones that every way of linking keeps.
+extern "C" {
+__attribute__((used, visibility("hidden"))) void koutil_info_output(const char *format, ...);
+__attribute__((used, visibility("hidden"))) void koutil_debug_output(const char *format, ...);
+}
+
+void koutil_info_output(const char *format, ...)
 {
     va_list args;
     va_start(args, format);
@@ -68,15 +73,13 @@ void info_output(const char *format, ...)
     va_end(args);
 }
 
-void debug_output(const char *format, ...)
+void koutil_debug_output(const char *format, ...)
 {
     va_list args;
     va_start(args, format);
     output(type_debug, format, args);
     va_end(args);
 }
-
-} // namespace
 
 // A function of nothing but assembler text: no prologue and no instrumentation.
 #define KO_BARE                                                                                    \

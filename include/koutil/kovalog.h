@@ -30,8 +30,9 @@
  *                 SetupLogFile -> LogToFile ... -> CloseLog. Setups nest: the last CloseLog closes.
  *                 init_facility -> facility_at_exit, which may be followed by init_facility again.
  * Thread safety:  LogToFile may be called from any thread and from a forked child; lines are never
- *                 torn, and one thread rotates. It keeps errno. All other functions take no lock:
- *                 call them while nobody logs. Flags are read without a lock.
+ *                 torn, and one thread rotates. It keeps errno. It is not for signal handlers. All
+ *                 other functions take no lock: call them while nobody logs. Flags are read without
+ *                 a lock.
  */
 #ifndef KOUTIL_KOVALOG_H
 #define KOUTIL_KOVALOG_H
