@@ -388,7 +388,7 @@ inline void move_reversed(void *to, const void *from)
 
 // Moves one field between a record and its wire form, which are the same address in place.
 template <Field field, bool in_place>
-inline void move_field(unsigned char *to, const unsigned char *from)
+[[gnu::always_inline]] inline void move_field(unsigned char *to, const unsigned char *from)
 {
     if constexpr (field.width == 1) {
         if constexpr (!in_place) {
@@ -408,16 +408,20 @@ inline void move_field(unsigned char *to, const unsigned char *from)
     }
 }
 
-template <typename Layout, bool in_place>
-inline void move_record(void *to, const void *from)
+template <typename Layout, bool in_place, size_t... i>
+[[gnu::always_inline]] inline void move_fields(unsigned char *to, const unsigned char *from,
+                                               std::index_sequence<i...>)
 {
-    [&]<size_t... i>(std::index_sequence<i...>)
-    {
-        (move_field<Layout::fields[i], in_place>(static_cast<unsigned char *>(to),
-                                                 static_cast<const unsigned char *>(from)),
-         ...);
-    }
-    (std::make_index_sequence<std::size(Layout::fields)>());
+    (move_field<Layout::fields[i], in_place>(to, from), ...);
+}
+
+// Always inlined: the fields of a record that is built on the spot then stay in registers.
+template <typename Layout, bool in_place>
+[[gnu::always_inline]] inline void move_record(void *to, const void *from)
+{
+    move_fields<Layout, in_place>(static_cast<unsigned char *>(to),
+                                  static_cast<const unsigned char *>(from),
+                                  std::make_index_sequence<std::size(Layout::fields)>());
 }
 
 // Converts a record where it stands.
@@ -429,14 +433,14 @@ inline void convert(void *record)
 
 // Writes a record in its wire form. Records with gaps are only converted in place.
 template <typename Layout>
-inline void store(unsigned char *wire, const typename Layout::Record &record)
+[[gnu::always_inline]] inline void store(unsigned char *wire, const typename Layout::Record &record)
 {
     move_record<Layout, false>(wire, &record);
 }
 
 // Reads a record from its wire form. The record may stand at any address.
 template <typename Layout>
-inline void load(void *record, const unsigned char *wire)
+[[gnu::always_inline]] inline void load(void *record, const unsigned char *wire)
 {
     move_record<Layout, false>(record, wire);
 }
@@ -578,8 +582,8 @@ void swap_rep_state(rep_src_state_t *state, int tgt_count)
 // The buffer gathers records; a flush hands it to the socket, to the backing file, or to both. The
 // boundaries at which bytes leave are fixed: every 65536 bytes of the stream since the last flush,
 // and only when more is to come. Two shortcuts keep them: records of known size are built in the
-// buffer itself when it has room, and a large object leaves from the caller's memory in pieces of
-// one buffer, except the last, which stays buffered as it would have otherwise.
+// buffer itself when it has room, and a large object leaves from the caller's memory in whole
+// buffers, except its end, which stays buffered as it would have otherwise.
 //
 // Locks: the writers' lock (rep_in_mutex) is the callers' and covers the buffer. rep_mutex covers
 // the reference count, the offset, the flags and the descriptors' closing; it is never held over a
@@ -592,8 +596,8 @@ namespace
 
 constexpr int error_level = 3;
 
-// Record buffers on the stack: the longest fixed part and a padded name.
-constexpr uint32_t largest_file_record = REP_FILE_INFO_LEN + REP_MAX_NAME_LEN + 1;
+// Most buffers of a large object in one call; followers of the stream hear of each call.
+constexpr uint32_t most_buffers = 16;
 
 static_assert(offsetof(rep_stream_t, rep_buffer) + offsetof(rep_buffer_t, rep_data) == 184);
 static_assert(offsetof(rep_target_t, rep_tgt_sock) == 0);
@@ -671,14 +675,15 @@ void advance(rep_stream_t *stream, size_t length)
 }
 
 // Writes `length` bytes out, in pieces as the socket accepts them. Without a socket there is one
-// piece: what a file leaves of it, or what nobody takes, is gone.
-int write_out(rep_stream_t *stream, const uint8_t *data, size_t length)
+// piece: what a file leaves of it, or what nobody takes, is gone. Returns `length`, or the bytes
+// that were out before a piece failed.
+size_t write_out(rep_stream_t *stream, const uint8_t *data, size_t length)
 {
-    while (length > 0) {
+    for (size_t out = 0; out < length;) {
         bool last = false;
-        const ssize_t taken = write_piece(stream, data, length, last);
+        const ssize_t taken = write_piece(stream, data + out, length - out, last);
         if (taken < 0) {
-            return -1;
+            return out;
         }
         if (taken > 0) {
             advance(stream, static_cast<size_t>(taken));
@@ -686,10 +691,9 @@ int write_out(rep_stream_t *stream, const uint8_t *data, size_t length)
         if (last) {
             break;
         }
-        data += taken;
-        length -= static_cast<size_t>(taken);
+        out += static_cast<size_t>(taken);
     }
-    return 0;
+    return length;
 }
 
 void put(rep_buffer_t *buffer, const uint8_t *data, uint32_t length)
@@ -698,40 +702,67 @@ void put(rep_buffer_t *buffer, const uint8_t *data, uint32_t length)
     buffer->rep_used += length;
 }
 
-// Sends pieces of one buffer from the caller's memory while more is to come behind them. A piece
-// that fails is left in the buffer, where a repeated flush finds it.
+// How much of a large object leaves in one go: whole buffers, fewer bytes than there are. A file
+// gets them one by one, because a piece that it takes only a part of is lost.
+uint32_t whole_buffers(rep_stream_t *stream, uint32_t length)
+{
+    const bool socket_only =
+        descriptor(stream->rep_sock) != -1 && descriptor(stream->rep_queued_fd) == -1;
+    const uint32_t buffers =
+        socket_only ? std::min((length - 1) / REP_BUFFER_SIZE, most_buffers) : 1;
+    return buffers * REP_BUFFER_SIZE;
+}
+
+// Sends whole buffers from the caller's memory while more is to come behind them. One that fails is
+// left in the buffer, where a repeated flush finds it.
 int send_from_memory(rep_stream_t *stream, const uint8_t *&data, uint32_t &length)
 {
     while (length > REP_BUFFER_SIZE) {
-        const int status = write_out(stream, data, REP_BUFFER_SIZE);
-        if (status != 0) {
-            put(&stream->rep_buffer, data, REP_BUFFER_SIZE);
-            return status;
+        const uint32_t run = whole_buffers(stream, length);
+        const size_t out = write_out(stream, data, run);
+        if (out != run) {
+            put(&stream->rep_buffer, data + out / REP_BUFFER_SIZE * REP_BUFFER_SIZE,
+                REP_BUFFER_SIZE);
+            return -1;
         }
-        data += REP_BUFFER_SIZE;
-        length -= REP_BUFFER_SIZE;
+        data += run;
+        length -= run;
     }
     return 0;
 }
 
-// Appends the `length` bytes that `build` writes at the address it is given: in the buffer where
-// there is room, else on the stack.
-template <typename Build>
-int append_record(rep_stream_t *stream, uint32_t length, Build build)
+// Where a record of `length` bytes is built: in the buffer when it has room, else in `spare`.
+unsigned char *place(rep_stream_t *stream, uint32_t length, unsigned char *spare)
 {
     rep_buffer_t *buffer = &stream->rep_buffer;
-    if (buffer->rep_used <= REP_BUFFER_SIZE - length) {
-        build(buffer->rep_data + buffer->rep_used);
-        buffer->rep_used += length;
-        return 0;
-    }
-    unsigned char record[largest_file_record];
-    build(record);
-    return send_to_stream(stream, record, length);
+    return buffer->rep_used <= REP_BUFFER_SIZE - length ? buffer->rep_data + buffer->rep_used
+                                                        : spare;
 }
 
-// Copies data and zeroes its padding.
-void put_padded(unsigned char *to, const void *data, uint32_t length)
+// Appends the record that was built at its place.
+int append(rep_stream_t *stream, const unsigned char *record, uint32_t length,
+           const unsigned char *spare)
+{
+    if (record == spare) {
+        return send_to_stream(stream, record, length);
+    }
+    stream->rep_buffer.rep_used += length;
+    return 0;
+}
+
+// Appends a record in host order that nothing follows.
+template <typename Layout>
+int append_record(rep_stream_t *stream, const typename Layout::Record &record)
+{
+    unsigned char spare[sizeof record];
+    unsigned char *wire = place(stream, sizeof spare, spare);
+    store<Layout>(wire, record);
+    return append(stream, wire, sizeof spare, spare);
+}
+
+// Copies data and zeroes its padding. Out of line, or the compiler, knowing how short a name is,
+// copies it with a string instruction that takes longer than the rest of the record.
+[[gnu::noinline]] void put_padded(unsigned char *to, const void *data, uint32_t length)
 {
     if (length > 0) {
         memset(to + padded(length) - 4, 0, 4);
@@ -754,13 +785,15 @@ bool measure(const char *filename, Name &name)
 
 // Appends a record in host order and the name behind it.
 template <typename Layout>
-int append_named(rep_stream_t *stream, const typename Layout::Record &record, const Name &name)
+[[gnu::always_inline]] inline int
+append_named(rep_stream_t *stream, const typename Layout::Record &record, const Name &name)
 {
-    constexpr uint32_t fixed = sizeof(typename Layout::Record);
-    return append_record(stream, fixed + padded(name.length), [&](unsigned char *wire) {
-        store<Layout>(wire, record);
-        put_padded(wire + fixed, name.text, name.length);
-    });
+    unsigned char spare[sizeof record + padded(REP_MAX_NAME_LEN)];
+    const uint32_t length = sizeof record + padded(name.length);
+    unsigned char *wire = place(stream, length, spare);
+    store<Layout>(wire, record);
+    put_padded(wire + sizeof record, name.text, name.length);
+    return append(stream, wire, length, spare);
 }
 
 constexpr uint32_t permission_bits(uint32_t mode)
@@ -953,7 +986,7 @@ int flush_rep_stream(rep_stream_t *stream)
 {
     rep_buffer_t *buffer = &stream->rep_buffer;
     KO_ASSERT(buffer->rep_used <= REP_BUFFER_SIZE);
-    if (write_out(stream, buffer->rep_data, buffer->rep_used) != 0) {
+    if (write_out(stream, buffer->rep_data, buffer->rep_used) != buffer->rep_used) {
         return -1;
     }
     buffer->rep_used = 0;
@@ -966,8 +999,7 @@ int send_rep_header(rep_stream_t *stream, rep_target_t *target, dm_fsid_t fsid, 
     const rep_header_t header = {
         REP_HEADER_MAGIC, static_cast<uint16_t>(flags), REP_STREAM_VERSION, fsid, key, stream_id};
     if (target == nullptr) {
-        return append_record(stream, REP_HEADER_LEN,
-                             [&](unsigned char *wire) { store<HeaderLayout>(wire, header); });
+        return append_record<HeaderLayout>(stream, header);
     }
     unsigned char record[REP_HEADER_LEN];
     store<HeaderLayout>(record, header);
@@ -985,11 +1017,10 @@ int send_rep_command(rep_stream_t *stream, rep_target_t *target, uint16_t cmd_ty
     }
     const auto payload = static_cast<uint32_t>(data_len);
     const uint32_t length = REP_CMD_LEN + padded(payload);
-    if (target == nullptr && stream->rep_buffer.rep_used <= REP_BUFFER_SIZE - length) {
-        rep_buffer_t *buffer = &stream->rep_buffer;
-        build_command(buffer->rep_data + buffer->rep_used, cmd_type, data, payload);
-        buffer->rep_used += length;
-        return 0;
+    unsigned char *wire = target == nullptr ? place(stream, length, nullptr) : nullptr;
+    if (wire != nullptr) {
+        build_command(wire, cmd_type, data, payload);
+        return append(stream, wire, length, nullptr);
     }
     auto *record = static_cast<unsigned char *>(malloc(REP_CMD_LEN + REP_MAX_CMD_LEN));
     if (record == nullptr) {
@@ -1118,8 +1149,7 @@ int send_blob_record(rep_stream_t *stream, uint64_t offset, uint64_t length, uin
 {
     rep_blob_t blob = {offset, length, bloboff, {}};
     memcpy(blob.rep_tag, blobtag, sizeof blob.rep_tag);
-    return append_record(stream, REP_BLOB_LEN,
-                         [&](unsigned char *wire) { store<BlobLayout>(wire, blob); });
+    return append_record<BlobLayout>(stream, blob);
 }
 
 int send_small_blob_record(rep_stream_t *stream, uint64_t offset, uint64_t length, uint64_t bloboff,
@@ -1130,8 +1160,7 @@ int send_small_blob_record(rep_stream_t *stream, uint64_t offset, uint64_t lengt
                              static_cast<uint32_t>(bloboff),
                              {}};
     memcpy(blob.rep_tag, blobtag, sizeof blob.rep_tag);
-    return append_record(stream, REP_SMALL_BLOB_LEN,
-                         [&](unsigned char *wire) { store<SmallBlobLayout>(wire, blob); });
+    return append_record<SmallBlobLayout>(stream, blob);
 }
 
 int send_sd_mapping(rep_stream_t *stream, uint64_t sd_key, const uint8_t *sd_data,
@@ -1170,8 +1199,8 @@ int send_sd_mapping(rep_stream_t *stream, uint64_t sd_key, const uint8_t *sd_dat
 // the caller's room first. Bytes handed out are valid to the next fill, so a fixed part is copied
 // out before its name or data is asked for.
 //
-// Large data skips the buffer: when it is empty, a buffer's worth is read into the caller's memory
-// by the same loop, under the same rules.
+// Large data skips the buffer: when it is empty, a buffer's worth or more is read into the caller's
+// memory by the same loop, under the same rules.
 
 namespace
 {
@@ -1348,8 +1377,7 @@ int _extract_rep_cmd(rep_in_stream_t *stream, uint8_t *data, uint32_t data_len, 
 uint32_t take_data(rep_in_stream_t *stream, uint8_t *to, uint32_t length)
 {
     if (to != nullptr && length >= REP_BUFFER_SIZE && buffered(stream) == 0) {
-        const uint32_t got =
-            ended(stream) ? 0 : read_up_to(stream, to, 0, REP_BUFFER_SIZE, REP_BUFFER_SIZE);
+        const uint32_t got = ended(stream) ? 0 : read_up_to(stream, to, 0, REP_BUFFER_SIZE, length);
         stream->rep_stream_offset += got;
         return got;
     }
@@ -1465,13 +1493,13 @@ int _extract_rep_file(rep_in_stream_t *stream, void *buff, uint32_t size, char *
         return -1;
     }
     const uint8_t *wire = consume(stream, size);
+    rep_cmd_t start; // a file record begins like a command: magic, type, length of what follows
+    load<CmdLayout>(&start, wire);
     if (size == REP_FILE_LEN) {
         load<FileLayout>(buff, wire);
     } else {
         load<FileInfoLayout>(buff, wire);
     }
-    rep_cmd_t start; // a file record begins like a command: magic, type, length of what follows
-    memcpy(&start, buff, sizeof start);
     return take_name(stream, start.rep_magic, start.rep_cmdlen, filename, namelen);
 }
 

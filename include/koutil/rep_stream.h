@@ -217,7 +217,7 @@ KO_API int cleanup_rep_stream(rep_stream_t *stream, int flags);
 
 /* Append `len` bytes, flushing whenever the buffer is full and more is to come: a buffer that has
  * just become full waits for the next append. A large object goes out from where it stands, in
- * pieces of 64 KiB.
+ * multiples of 64 KiB.
  *
  * Returns 0, or -1 when a flush failed; the part of the object before the failed flush is then
  * buffered or out. */
