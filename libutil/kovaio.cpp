@@ -173,6 +173,7 @@ class TailCopy
                 continue;
             }
             if (got < 0) {
+                (void)write_tail(out); // what was read belongs to the copy; the status is set
                 return kStreamError;
             }
             if (got == 0) {
