@@ -126,11 +126,15 @@ Facts list_facts(const List &list)
     const std::vector<FsmListEnt_t> all = list.entries();
     for (size_t i = 0; i < all.size(); ++i) {
         if (all[i].FsmName[0] != '\0') {
-            const std::string priority = all[i].Priority != 0
-                                             ? "priority " + std::to_string(all[i].Priority)
-                                             : "no priority";
+            std::string fact = "no priority";
+            if (all[i].Priority != 0) {
+                fact = "priority " + std::to_string(all[i].Priority);
+            }
             const std::string comment = comment_of(all, i);
-            facts.emplace_back(all[i].FsmName, priority + (comment.empty() ? "" : ", " + comment));
+            if (!comment.empty()) {
+                fact += ", " + comment;
+            }
+            facts.emplace_back(all[i].FsmName, fact);
         }
     }
     return facts;

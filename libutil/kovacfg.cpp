@@ -381,8 +381,8 @@ VoError_t read_entry(Reader *reader, bool *at_end)
     status = pass_line(reader, text, size, length, line_end);
     if (status == 0) {
         evaluate_present(ent.get());
-        TAILQ_INSERT_TAIL(&reader->cfg->CfgEntHead, ent.get(), CfgEntLink);
-        ent.release();
+        CfgEnt_t *const added = ent.release();
+        TAILQ_INSERT_TAIL(&reader->cfg->CfgEntHead, added, CfgEntLink);
     }
     return status;
 }

@@ -14,25 +14,29 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <initializer_list>
 #include <string_view>
 
-// One variable, in one block with its texts.
+// One variable, in one block with its texts: behind the fields the expanded value, then the name.
 struct gvar_list {
     TAILQ_ENTRY(gvar_list) gvar_link;
-    int gvar_ref;                    // results of gvar_get that are not released
-    char *gvar_name;                 // stands behind the value
-    __extension__ char gvar_value[]; // expanded
+    int gvar_ref; // results of gvar_get that are not released
+    char *gvar_name;
+
+    char *gvar_value() { return reinterpret_cast<char *>(this + 1); }
 };
 
 TAILQ_HEAD(gvar_head, gvar_list);
 using gvar_head_t = gvar_head;
 
+// One loaded file, in one block with its path, which stands behind the fields.
 struct gvar_instance {
     time_t gvi_mtime;     // of the file when it was loaded; 0 missing
     gvar_head_t gvi_head; // the current variables in file order
     gvar_head_t gvi_used; // earlier ones that callers still hold
     int gvi_use_getenv;
-    __extension__ char gvi_path[];
+
+    char *gvi_path() { return reinterpret_cast<char *>(this + 1); }
 };
 
 namespace
@@ -69,8 +73,8 @@ void for_each_piece(gvar_instance *gvip, std::string_view value, Emit emit)
         if (end == std::string_view::npos) {
             return; // unfinished: the value ends here
         }
-        if (const gvar_list *var = gvar_find(gvip, value.substr(0, end))) {
-            emit(std::string_view(var->gvar_value));
+        if (gvar_list *var = gvar_find(gvip, value.substr(0, end))) {
+            emit(std::string_view(var->gvar_value()));
         }
         value.remove_prefix(end + 1);
     }
@@ -110,8 +114,8 @@ bool gvar_add(gvar_instance *gvip, const char *name, const char *value, size_t *
     }
     gvar_list *const var = block.release();
     var->gvar_ref = 0;
-    expand_to(gvip, value, var->gvar_value);
-    var->gvar_name = var->gvar_value + value_size;
+    expand_to(gvip, value, var->gvar_value());
+    var->gvar_name = var->gvar_value() + value_size;
     memcpy(var->gvar_name, name, name_size);
     TAILQ_INSERT_TAIL(&gvip->gvi_head, var, gvar_link);
     return true;
@@ -147,7 +151,7 @@ gvar_list *holder_of(const gvar_head_t *head, const char *value)
     gvar_list *var;
     TAILQ_FOREACH(var, head, gvar_link)
     {
-        if (var->gvar_value == value) {
+        if (var->gvar_value() == value) {
             return var;
         }
     }
@@ -173,7 +177,7 @@ void *gvar_open(const char *name, int use_getenv)
     TAILQ_INIT(&gvip->gvi_head);
     TAILQ_INIT(&gvip->gvi_used);
     gvip->gvi_use_getenv = use_getenv;
-    VoSnprintf(gvip->gvi_path, size, "%s%s%s", dir, slash, name);
+    VoSnprintf(gvip->gvi_path(), size, "%s%s%s", dir, slash, name);
     gvar_refresh(gvip);
     return gvip;
 }
@@ -185,7 +189,7 @@ void gvar_refresh(void *void_gvip)
         return;
     }
     KovaStat_t info;
-    const VoError_t status = KovaStat(gvip->gvi_path, &info);
+    const VoError_t status = KovaStat(gvip->gvi_path(), &info);
     if (status == ENOENT) {
         gvip->gvi_mtime = 0;
         gvar_flush(gvip);
@@ -194,7 +198,7 @@ void gvar_refresh(void *void_gvip)
         return;
     }
     KovaCfg_t *cfg = nullptr;
-    if (KovaCfgOpen(gvip->gvi_path, KOVA_OPEN_READ, CFGTYPE_ASSIGN, &cfg, nullptr, 0) != 0) {
+    if (KovaCfgOpen(gvip->gvi_path(), KOVA_OPEN_READ, CFGTYPE_ASSIGN, &cfg, nullptr, 0) != 0) {
         return;
     }
     gvip->gvi_mtime = info.KovaMtime;
@@ -220,7 +224,7 @@ char *gvar_get(void *void_gvip, const char *name)
         return nullptr;
     }
     var->gvar_ref++;
-    return var->gvar_value;
+    return var->gvar_value();
 }
 
 void gvar_release(void *void_gvip, char *value)
@@ -252,7 +256,7 @@ char *gvar_next(void *void_gvip, void **void_gvpp, char **namep)
     if (namep != nullptr) {
         *namep = var->gvar_name;
     }
-    return var->gvar_value;
+    return var->gvar_value();
 }
 
 void gvar_expand(gvar_instance *gvip, char *valp)

@@ -48,7 +48,7 @@ constexpr std::array<Meaning, 256> make_meanings()
     }
     for (unsigned unit = 1; unit <= max_unit; unit++) {
         const Meaning meaning = {kind_unit, static_cast<uint8_t>(unit * bits_per_unit)};
-        const auto upper = static_cast<size_t>(units[unit]);
+        const auto upper = static_cast<unsigned char>(units[unit]);
         table[upper] = table[upper - 'A' + 'a'] = meaning;
     }
     table[','] = {kind_comma};
