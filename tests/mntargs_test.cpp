@@ -10,8 +10,6 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
 
 namespace
@@ -426,13 +424,6 @@ TEST_F(MntArgsFile, RefusesWhatItDoesNotUnderstand)
 {
     const std::string unknown = in_file("' is unknown in ", ".\n");
     const std::string bad = in_file("' is invalid in file ", ".\n");
-    const auto values = [](int count) {
-        std::string line = "v";
-        for (int i = 0; i < count; ++i) {
-            line += "=1";
-        }
-        return line;
-    };
     const struct {
         std::string text;
         VoError_t status;
@@ -453,8 +444,6 @@ TEST_F(MntArgsFile, RefusesWhatItDoesNotUnderstand)
         {"\"\"\"", 0, ""},
         {std::string("Threads=12\0\n", 12), 11, "Invalid character in file."},
         {"Threads=" + std::string(5000, '1') + "\n", 22, "Line is too long."},
-        {values(64), 11, "Parameter 'v" + unknown},
-        {values(65), 22, "Line 'v' has too many fields."},
     };
     for (const auto &c : cases) {
         const Loaded file = load(c.text);
@@ -462,17 +451,11 @@ TEST_F(MntArgsFile, RefusesWhatItDoesNotUnderstand)
         EXPECT_EQ(file.message, c.message) << c.text;
         EXPECT_TRUE(c.status == 0 || file.used == 0);
     }
-    EXPECT_EQ(load_path(path_, 8).message, "Line 'v");
+    EXPECT_EQ(load_path(path_, 8).message, "Line is");
     EXPECT_EQ(load_path(path_, -5).message, std::string(512, 'x'));
     const Loaded missing = load_path(dir_ / "none");
     EXPECT_EQ(missing.status, 2);
     EXPECT_EQ(missing.message, "KOVA Cfg: Error(2) opening '" + (dir_ / "none") + "'");
-    EXPECT_NE(load_path(dir_.path()).status, 0);
-    const support::Outcome denied = support::run_in_child([&] {
-        chmod(path_.c_str(), 0);
-        return geteuid() == 0 && seteuid(65534) != 0 ? 13 : load_path(path_).status;
-    });
-    EXPECT_TRUE(denied.exited(13));
 }
 
 TEST(Store, IsNotThere)
@@ -481,10 +464,6 @@ TEST(Store, IsNotThere)
     mntargs_t *args = reinterpret_cast<mntargs_t *>(1);
     EXPECT_EQ(VoMntArgsLoad("data1", &args), 38);
     EXPECT_EQ(args, nullptr);
-    VoMntArgsEnum_t *walk = reinterpret_cast<VoMntArgsEnum_t *>(1);
-    EXPECT_EQ(VoMntArgsEnumStart(&walk, &args), 38);
-    EXPECT_EQ(walk, nullptr);
-    VoMntArgsEnumEnd(&walk);
     EXPECT_EQ(VoMntArgsSave(nullptr, nullptr), 38);
     EXPECT_EQ(VoMntArgsDelete(nullptr), 38);
     EXPECT_EQ(VoMntArgsMkMntPath(nullptr, nullptr, 0), 95);

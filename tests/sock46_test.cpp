@@ -10,6 +10,7 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
 
@@ -35,15 +36,27 @@ std::string text_of(const in46addr_t &a)
     return RawIp(&a, name);
 }
 
+// One end of a connection as the calls report it.
+struct End {
+    in46addr_t at = address("1.2.3.4");
+    uint16_t port = 7;
+    bool operator==(const End &other) const
+    {
+        return IN6_CMP(&at, &other.at) == 0 && port == other.port;
+    }
+};
+const End untouched;
+const End nobody = {{}, 0};
+
 // A socket bound to a port of its own on loopback.
-Fd bound_socket(int type, const char *host, uint16_t *port)
+Fd bound_socket(int type, const char *host, End *own)
 {
     const koutil::SocketAddress local = koutil::SocketAddress::of(address(host), 0);
     Fd fd(socket(local.family(), type, 0));
-    in46addr_t own;
     EXPECT_EQ(bind(fd.get(), local.get(), local.length()), 0);
-    EXPECT_EQ(GetSockName(fd.get(), &own, port), 0);
-    EXPECT_EQ(text_of(own), host);
+    EXPECT_EQ(GetSockName(fd.get(), &own->at, &own->port), 0);
+    EXPECT_EQ(text_of(own->at), host);
+    EXPECT_GT(own->port, 0);
     return fd;
 }
 
@@ -63,6 +76,12 @@ ino_t identity(int fd)
     return st.st_ino;
 }
 
+int port_of(int fd)
+{
+    End own;
+    return GetSockName(fd, &own.at, &own.port) == 0 ? own.port : -1;
+}
+
 int reuses_address(int fd)
 {
     int on = -1;
@@ -79,97 +98,90 @@ class BothFamilies : public ::testing::TestWithParam<const char *>
 
 TEST_P(BothFamilies, ConnectAndAcceptAgreeOnBothEnds)
 {
-    uint16_t port = 0;
-    const Fd listener = bound_socket(SOCK_STREAM, GetParam(), &port);
+    End server;
+    const Fd listener = bound_socket(SOCK_STREAM, GetParam(), &server);
     ASSERT_EQ(listen(listener.get(), 1), 0);
-    const in46addr_t server = address(GetParam());
     int error = -1;
-    const Fd client(SockConnect(&server, port, &error));
+    const Fd client(SockConnect(&server.at, server.port, &error));
     EXPECT_EQ(error, 0);
-    in46addr_t peer = {};
-    in46addr_t own = {};
-    uint16_t peer_port = 0;
-    uint16_t own_port = 0;
-    const Fd accepted(Accept(listener.get(), &peer, &peer_port));
-    EXPECT_EQ(GetSockName(client.get(), &own, &own_port), 0);
-    EXPECT_EQ(IN6_CMP(&own, &peer), 0);
-    EXPECT_EQ(own_port, peer_port);
-    EXPECT_EQ(GetPeerName(client.get(), &peer, &peer_port), 0);
-    EXPECT_EQ(text_of(peer), GetParam());
-    EXPECT_EQ(peer_port, port);
-    // A stream names no sender.
+    End seen;
+    End own;
+    const Fd accepted(Accept(listener.get(), &seen.at, &seen.port));
+    EXPECT_EQ(GetSockName(client.get(), &own.at, &own.port), 0);
+    EXPECT_EQ(seen, own);
+    EXPECT_EQ(GetPeerName(client.get(), &seen.at, &seen.port), 0);
+    EXPECT_EQ(seen, server);
     ASSERT_EQ(send(client.get(), "x", 1, 0), 1);
     char byte;
-    EXPECT_EQ(RecvFrom(accepted.get(), &byte, 1, 0, &peer, &peer_port), 1);
-    EXPECT_EQ(text_of(peer), "::");
-    EXPECT_EQ(peer_port, 0);
+    EXPECT_EQ(RecvFrom(accepted.get(), &byte, 1, 0, &seen.at, &seen.port), 1);
+    EXPECT_EQ(seen, nobody); // a stream names no sender
 }
 
 TEST_P(BothFamilies, DatagramsCarryTheSender)
 {
-    uint16_t port = 0;
-    uint16_t sender_port = 0;
-    const Fd receiver = bound_socket(SOCK_DGRAM, GetParam(), &port);
-    const Fd sender = bound_socket(SOCK_DGRAM, GetParam(), &sender_port);
-    const in46addr_t to = address(GetParam());
-    const bool v4 = koutil::is_ipv4(to);
-    char out[] = "hello";
-    EXPECT_EQ(SendTo(v4 ? sender.get() : -1, v4 ? -1 : sender.get(), out, 5, 0, &to, port), 5);
-    char in[16];
-    in46addr_t from = {};
-    uint16_t from_port = 0;
-    EXPECT_EQ(RecvFrom(receiver.get(), in, sizeof in, 0, &from, &from_port), 5);
-    EXPECT_EQ(text_of(from), GetParam());
-    EXPECT_EQ(from_port, sender_port);
-    EXPECT_EQ(RecvFrom(receiver.get(), in, sizeof in, MSG_DONTWAIT, &from, &from_port), -1);
+    End to;
+    End from;
+    End seen;
+    const Fd receiver = bound_socket(SOCK_DGRAM, GetParam(), &to);
+    const Fd sender = bound_socket(SOCK_DGRAM, GetParam(), &from);
+    const int fd4 = koutil::is_ipv4(to.at) ? sender.get() : -1;
+    const int fd6 = koutil::is_ipv4(to.at) ? -1 : sender.get();
+    char text[16] = "hello";
+    EXPECT_EQ(SendTo(fd4, fd6, text, 5, 0, &to.at, to.port), 5);
+    EXPECT_EQ(RecvFrom(receiver.get(), text, sizeof text, 0, &seen.at, &seen.port), 5);
+    EXPECT_EQ(seen, from);
+    EXPECT_EQ(RecvFrom(receiver.get(), text, 1, MSG_DONTWAIT, &seen.at, &seen.port), -1);
     EXPECT_EQ(errno, EAGAIN);
-    EXPECT_EQ(text_of(from), "::");
-    EXPECT_EQ(from_port, 0);
+    EXPECT_EQ(seen, nobody);
 }
 
 INSTANTIATE_TEST_SUITE_P(Sock46, BothFamilies, ::testing::Values("127.0.0.1", "::1"));
 
 TEST(Sock46, FailuresKeepErrnoDescriptorsAndOutputs)
 {
+    End deaf; // bound, but not listening
+    const Fd fd = bound_socket(SOCK_STREAM, "127.0.0.1", &deaf);
     const int descriptors = support::open_descriptors();
-    uint16_t port = 0;
-    bound_socket(SOCK_STREAM, "127.0.0.1", &port);
-    const in46addr_t nobody = address("127.0.0.1");
     int error = 0;
-    EXPECT_EQ(SockConnect(&nobody, port, &error), -1);
+    EXPECT_EQ(SockConnect(&deaf.at, deaf.port, &error), -1);
     EXPECT_EQ(error, ECONNREFUSED);
     EXPECT_EQ(errno, ECONNREFUSED);
     EXPECT_EQ(support::open_descriptors(), descriptors);
 
-    const Fd unconnected(socket(AF_INET, SOCK_STREAM, 0));
-    in46addr_t a = address("1.2.3.4");
-    uint16_t kept = 7;
-    EXPECT_EQ(GetPeerName(unconnected.get(), &a, &kept), -1);
+    End seen;
+    EXPECT_EQ(GetPeerName(fd.get(), &seen.at, &seen.port), -1);
     EXPECT_EQ(errno, ENOTCONN);
-    EXPECT_EQ(Accept(unconnected.get(), &a, &kept), -1);
-    EXPECT_EQ(GetSockName(-1, &a, &kept), -1);
+    EXPECT_EQ(Accept(fd.get(), &seen.at, &seen.port), -1);
+    EXPECT_EQ(GetSockName(-1, &seen.at, &seen.port), -1);
     EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(text_of(a), "1.2.3.4");
-    EXPECT_EQ(kept, 7);
+    EXPECT_EQ(seen, untouched);
 }
 
 TEST(Sock46, SendToChoosesTheSocketByAddress)
 {
-    uint16_t port = 0;
-    const Fd receiver = bound_socket(SOCK_DGRAM, "127.0.0.1", &port);
-    const in46addr_t to4 = address("127.0.0.1");
+    End to;
+    const Fd receiver = bound_socket(SOCK_DGRAM, "127.0.0.1", &to);
     const in46addr_t to6 = address("fe80::1");
     const Fd dual(socket(AF_INET6, SOCK_DGRAM, 0));
+    const Fd v6 = ipv6_only(SOCK_DGRAM);
     const Fd v4(socket(AF_INET, SOCK_DGRAM, 0));
+    const struct {
+        int fd4, fd6;
+        const in46addr_t *to;
+        ssize_t result;
+        int error;
+    } cases[] = {
+        {v4.get(), -1, &to6, -1, EAFNOSUPPORT},  {-1, -1, &to.at, -1, EAFNOSUPPORT},
+        {-1, v6.get(), &to.at, -1, ENETUNREACH}, // the platform's own answer
+        {-1, dual.get(), &to.at, 1, 0},          // as a mapped address
+        {v4.get(), 9999, &to.at, 1, 0},          // the other one is not touched
+    };
     char byte[] = "x";
-    EXPECT_EQ(SendTo(v4.get(), -1, byte, 1, 0, &to6, port), -1);
-    EXPECT_EQ(errno, EAFNOSUPPORT);
-    EXPECT_EQ(SendTo(-1, -1, byte, 1, 0, &to4, port), -1);
-    EXPECT_EQ(errno, EAFNOSUPPORT);
-    EXPECT_EQ(SendTo(-1, dual.get(), byte, 1, 0, &to4, port), 1); // as a mapped address
-    EXPECT_EQ(SendTo(v4.get(), 9999, byte, 1, 0, &to4, port), 1); // the other one is not touched
-    EXPECT_EQ(SendTo(-1, ipv6_only(SOCK_DGRAM).get(), byte, 1, 0, &to4, port), -1);
-    EXPECT_EQ(errno, ENETUNREACH);
+    for (const auto &c : cases) {
+        errno = 0;
+        EXPECT_EQ(SendTo(c.fd4, c.fd6, byte, 1, 0, c.to, to.port), c.result);
+        EXPECT_EQ(errno, c.error);
+    }
     EXPECT_EQ(recv(receiver.get(), byte, 1, 0), 1);
     EXPECT_EQ(recv(receiver.get(), byte, 1, MSG_DONTWAIT), 1);
 }
@@ -184,17 +196,15 @@ TEST(BindSame, LeavesTheChoiceOfOneSocketsPortToTheSystem)
         SOCKET_T s6 = family == AF_INET6 ? fd.get() : -1;
         const int port = BindSame(&s4, &s6, 0, 0);
         EXPECT_GT(port, 0);
-        in46addr_t own;
-        uint16_t own_port = 0;
-        EXPECT_EQ(GetSockName(fd.get(), &own, &own_port), 0);
-        EXPECT_EQ(own_port, port);
+        EXPECT_EQ(port_of(fd.get()), port);
         EXPECT_EQ(reuses_address(fd.get()), 0);
         EXPECT_EQ(BindSame(&s4, &s6, 0, 9), 0);    // it cannot be bound twice
         EXPECT_EQ(BindSame(&s4, &s6, 5000, 0), 0); // an empty range
         EXPECT_EQ(reuses_address(fd.get()), 1);
     }
-    SOCKET_T file = 0;
+    SOCKET_T file = open("/dev/null", O_RDONLY | O_CLOEXEC);
     EXPECT_EQ(BindSame(&file, &none, 1, 2), -1);
+    close(file);
 }
 
 TEST(BindSame, ReplacesTheIpv4SocketWhenTheIpv6PortIsTaken)
@@ -219,13 +229,8 @@ TEST(BindSame, ReplacesTheIpv4SocketWhenTheIpv6PortIsTaken)
         EXPECT_EQ(reuses_address(s4), type == SOCK_STREAM);
         const int port = BindSame(&s4, &s6, taken, taken + 50 > 65535 ? 65535 : taken + 50);
         EXPECT_GT(port, taken);
-        in46addr_t own;
-        uint16_t port4 = 0;
-        uint16_t port6 = 0;
-        EXPECT_EQ(GetSockName(s4, &own, &port4), 0);
-        EXPECT_EQ(GetSockName(s6, &own, &port6), 0);
-        EXPECT_EQ(port4, port);
-        EXPECT_EQ(port6, port);
+        EXPECT_EQ(port_of(s4), port);
+        EXPECT_EQ(port_of(s6), port);
         close(s4);
     }
 }
@@ -242,10 +247,7 @@ TEST(BindSame, RangesStayWithinThePorts)
     EXPECT_EQ(BindSame(&s4, &s6, 65536, 70000), 0);
     EXPECT_EQ(BindSame(&s4, &none, 65536, 65536), 0);
     EXPECT_EQ(BindSame(&s4, &none, -3, -1), 0);
-    in46addr_t own;
-    uint16_t port = 1;
-    EXPECT_EQ(GetSockName(s4, &own, &port), 0);
-    EXPECT_EQ(port, 0); // nothing was bound on the way
+    EXPECT_EQ(port_of(s4), 0); // nothing was bound on the way
     const int both = BindSame(&s4, &s6, 0, 0);
     EXPECT_GE(both, 49152);
     const Fd late(socket(AF_INET, SOCK_DGRAM, 0));
