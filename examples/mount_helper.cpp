@@ -16,6 +16,7 @@
 #include <cstring>
 #include <getopt.h>
 #include <string>
+#include <strings.h>
 #include <vector>
 
 namespace
@@ -157,10 +158,18 @@ std::string number_text(uint64_t number)
     return text;
 }
 
+// A text from a file as it may be shown: a terminal shall not obey it.
+std::string printable(std::string text)
+{
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 127; }, '?');
+    return text;
+}
+
 std::string value_text(const Record &record, const MntArgsInf_t &row)
 {
     if (row.mai_MntArgsType == MNTARGS_TYPE_CHARP) {
-        return std::string(record.field(row), strnlen(record.field(row), width_of(row)));
+        return printable({record.field(row), strnlen(record.field(row), width_of(row))});
     }
     uint64_t number = 0;
     memcpy(&number, record.field(row), width_of(row));
@@ -264,6 +273,34 @@ bool ends_in_mid_line(const std::string &path)
     return cut;
 }
 
+// Prints a finding without its empty lines, indented.
+void print_indented(const std::string &text)
+{
+    size_t start = 0;
+    while (start < text.size()) {
+        const size_t end = std::min(text.find('\n', start), text.size());
+        if (end > start) {
+            printf("    %.*s\n", static_cast<int>(end - start), text.c_str() + start);
+        }
+        start = end + 1;
+    }
+}
+
+// Prints what the row of the first quoted key of a message is about, if it has one.
+void print_help_of_quoted_key(const std::string &message)
+{
+    const size_t start = message.find('\'') + 1;
+    const std::string key = message.substr(start, message.find('\'', start) - start);
+    for (const MntArgsInf_t &row : Tunables()) {
+        if (strcasecmp(row.mai_Name, key.c_str()) == 0 ||
+            (row.mai_RegValName != nullptr && strcasecmp(row.mai_RegValName, key.c_str()) == 0)) {
+            print_indented(std::string(row.mai_Title) + "\n" + row.mai_Help +
+                           "\nVALID RANGE: " + range_text(row));
+            return;
+        }
+    }
+}
+
 // Loads a file and applies the settings. The loader's own codes, for a file that could be read but
 // not understood, are told from the errors of the system.
 Result load(const std::string &path, const std::vector<Setting> &settings, Record *record)
@@ -281,28 +318,18 @@ Result load(const std::string &path, const std::vector<Setting> &settings, Recor
         return all_valid;
     }
     message[strcspn(message, "\n")] = '\0';
-    Error_Output("%s: %s\n", path.c_str(), message);
+    const std::string reason = printable(message);
+    Error_Output("%s: %s\n", path.c_str(), reason.c_str());
     if ((status == 11 || status == 22) && path.size() <= longest_path) {
-        printf("%s\n  not accepted: %s\n", path.c_str(), message);
+        printf("%s\n  not accepted: %s\n", path.c_str(), reason.c_str());
+        print_help_of_quoted_key(reason);
+        printf("\n");
         return problems;
     }
     fflush(stdout);
-    fprintf(stderr, "mount_helper: %s: %s\n", path.c_str(), message);
+    fprintf(stderr, "mount_helper: %s: %s\n", path.c_str(), reason.c_str());
     RasEvent("SL_EVT_SYS_RES_FAIL", "mount options %s cannot be read", path.c_str());
     return unreadable;
-}
-
-// Prints a finding without its empty lines, indented.
-void print_indented(const std::string &text)
-{
-    size_t start = 0;
-    while (start < text.size()) {
-        const size_t end = std::min(text.find('\n', start), text.size());
-        if (end > start) {
-            printf("    %.*s\n", static_cast<int>(end - start), text.c_str() + start);
-        }
-        start = end + 1;
-    }
 }
 
 void print_problem(const std::string &path, const Record &record, const MntArgsInf_t &row)

@@ -168,6 +168,8 @@ TEST_F(MountHelper, SurvivesWhatIsNoOptionFile)
         {named + std::string("Thr\0eads=12\n", 12), 1, "Invalid character in file."},
         {named + "fsname=" + std::string(5000, 'x') + "\n", 1, "Line is too long."},
         {named + values, 1, "Line 'Threads' has too many fields."},
+        {named + "threads=x", 1, "    Number of file system threads for async event handling.\n"},
+        {named + "\033[2J=1", 1, "Parameter '?[2J' is unknown"},
         {named + "Threads=12", 0, "may have been cut off"},
         {"\"\"\"\"\"", 1, "Parameter '\"' is unknown"},
         {"\"\"\"", 1, "No Mount Point specified."},
