@@ -104,7 +104,7 @@ TEST(LogLine, FormatsAsThePlatformDoes)
         const std::string printed = support::capture(1, [&] { log(1, format, args...); });
         EXPECT_EQ(printed, " I " + stamp() + expected) << format;
     };
-    const char *null_text = nullptr;
+    const char *volatile null_text = nullptr;
     expect_same("plain\n", 0);
     expect_same("%s|%s|%s|%%|", "a", "", null_text);
     expect_same("%d %d %u %u", INT_MIN, INT_MAX, 0U, UINT_MAX);
