@@ -34,6 +34,7 @@
 #include "koutil/fprintf_indent.h"
 #include "koutil/memsize.h"
 #include "koutil/msleep.h"
+#include "koutil/mt19937ar.h"
 #include "koutil/mutex.h"
 #include "koutil/payload.h"
 #include "koutil/priv_check.h"
@@ -61,6 +62,7 @@
 
 /* Services: files, log file, text, containers, queues. */
 #include "koutil/getroot.h"
+#include "koutil/hash_table.h"
 #include "koutil/ko_mmap.h"
 #include "koutil/kovaio.h"
 #include "koutil/kovalog.h"

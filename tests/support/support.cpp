@@ -75,7 +75,9 @@ bool Outcome::signalled(int signal) const
 bool Outcome::crashed() const
 {
     return signalled(SIGSEGV) || signalled(SIGILL) || signalled(SIGTRAP) || signalled(SIGABRT) ||
-           exited(66) || (exited(1) && err.find("Sanitizer") != std::string::npos);
+           exited(66) ||
+           (exited(1) && (err.find("Sanitizer") != std::string::npos ||
+                          err.find("runtime error: ") != std::string::npos));
 }
 
 namespace
