@@ -1,6 +1,7 @@
 // kovalog_test.cpp - log lines, rotation and debug flags, with a clock and a writer of the test's
 // own.
 #include "koutil/kovalog.h"
+#include "support/out_of_memory.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -465,4 +466,24 @@ TEST(Facilities, FlagsFollowLists)
     EXPECT_EQ(_ParseDebugParams(options, nine + 9, nullptr, 0), -1);
     facility_at_exit(0);
     facility_at_exit(10);
+}
+
+TEST(Facilities, StayUnusedWithoutMemory)
+{
+    if (!support::memory_can_fail) {
+        GTEST_SKIP() << "the sanitizer owns the allocator";
+    }
+    char *hex = nullptr;
+    support::out_of_memory = true;
+    const int result = init_facility(5, "x", nine);
+    const int hex_result = DebugFlagsHexString(&hex, 5);
+    char **strings = _GetDebugStrings(nine);
+    char **all = GetAllDebugStrings();
+    support::out_of_memory = false;
+    EXPECT_EQ(result, 12);
+    EXPECT_EQ(hex_result, 12);
+    EXPECT_TRUE(hex == nullptr && strings == nullptr && all == nullptr);
+    EXPECT_EQ(facilities[5].debug_legend, nullptr);
+    EXPECT_EQ(init_facility(5, "x", nine), 0);
+    facility_at_exit(5);
 }

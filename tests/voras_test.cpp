@@ -1,6 +1,7 @@
 // voras_test.cpp - service events.
 #include "koutil/dopanic.h"
 #include "koutil/voras.h"
+#include "support/out_of_memory.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -126,4 +127,19 @@ TEST(ClientEvents, OneOfManyThreadsPasses)
         thread.join();
     }
     EXPECT_EQ(passed, 1);
+}
+
+TEST(ClientEvents, PassWhileTheClientCannotBeRemembered)
+{
+    if (!support::memory_can_fail) {
+        GTEST_SKIP() << "the sanitizer owns the allocator";
+    }
+    in46addr_t addr = {};
+    addr.s6_addr[0] = 77;
+    support::out_of_memory = true;
+    const int first = NeedPerClntRas(1, &addr);
+    const int second = NeedPerClntRas(1, &addr);
+    support::out_of_memory = false;
+    EXPECT_EQ(first + second, 2);
+    EXPECT_EQ(NeedPerClntRas(1, &addr), 1); // the lock is free again
 }
