@@ -79,9 +79,6 @@ bool exists(const char *name)
 // What a file says, in its order: a name and the text of what it stands for.
 using Facts = std::vector<std::pair<std::string, std::string>>;
 
-// --- the list of file systems
-// ----------------------------------------------------------------------
-
 // Owns an open list.
 class List
 {
@@ -281,9 +278,6 @@ Result move(const char *name, const char *place)
     return status == 0 ? save(list) : complain(name, status);
 }
 
-// --- the shared variables
-// --------------------------------------------------------------------------
-
 // Owns the variables.
 class Variables
 {
@@ -336,9 +330,6 @@ Result show_variable(const char *name)
     return fine;
 }
 
-// --- the port ranges
-// -------------------------------------------------------------------------------
-
 Facts port_facts(int verbose)
 {
     uint16_t lowest = 0;
@@ -358,9 +349,6 @@ Result show_ports()
     }
     return fine;
 }
-
-// --- checking
-// --------------------------------------------------------------------------------------
 
 // Loads a keyword file; prints why it cannot be read.
 KovaCfg_t *load(const char *name, KovaCfgType_t type, int *mistakes)
@@ -444,9 +432,6 @@ Result check()
     printf("%d mistake%s in %s\n", mistakes, mistakes == 1 ? "" : "s", GetVornConfigDir());
     return mistakes == 0 ? fine : problems;
 }
-
-// --- watching
-// --------------------------------------------------------------------------------------
 
 volatile sig_atomic_t interrupted = 0;
 

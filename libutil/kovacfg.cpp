@@ -60,10 +60,10 @@ struct Message {
     size_t size;
 };
 
-// Describes a failure and hands its status on.
-KO_PRINTF(3, 4) VoError_t fail(Message message, VoError_t status, const char *format, ...)
+// Describes a failure, and hands on its status. A status of 0 is no failure.
+KO_PRINTF(3, 4) VoError_t report(Message message, VoError_t status, const char *format, ...)
 {
-    if (message.text != nullptr) {
+    if (status != 0 && message.text != nullptr) {
         va_list args;
         va_start(args, format);
         VoVsnprintf(message.text, message.size, format, args);
@@ -153,9 +153,6 @@ size_t count_values(const CfgEnt_t *ent)
     const auto *const begin = std::begin(ent->KovaCfgVals);
     return static_cast<size_t>(std::find(begin, std::end(ent->KovaCfgVals), nullptr) - begin);
 }
-
-// --- reading
-// ---------------------------------------------------------------------------------------
 
 enum State {
     CFGMOD_NAMESTART,
@@ -278,16 +275,16 @@ struct Reader {
 VoError_t read_on(const Reader *reader, char *text, KovaSz_t *size)
 {
     const VoError_t status = KovaRead(reader->cfg->KovaHndl, text, size);
-    return status == 0 ? 0
-                       : fail(reader->message, status,
-                              "KOVA Cfg: Internal error reading cfg file (%d)", status);
+    return report(reader->message, status, "KOVA Cfg: Internal error reading cfg file (%d)",
+                  status);
 }
 
 VoError_t seek_and_read(const Reader *reader, char *text, KovaSz_t *size)
 {
     const VoError_t status = KovaSeek(reader->cfg->KovaHndl, reader->offset);
     if (status != 0) {
-        return fail(reader->message, status, "KOVA Cfg: Internal Error: seek failed (%d)", status);
+        return report(reader->message, status, "KOVA Cfg: Internal Error: seek failed (%d)",
+                      status);
     }
     *size = line_size;
     return read_on(reader, text, size);
@@ -324,7 +321,7 @@ VoError_t fetch_line(Reader *reader, char *text, KovaSz_t *size, size_t *length)
 
 VoError_t nul_byte(const Reader *reader)
 {
-    return fail(reader->message, status_invalid, "Invalid character in file.");
+    return report(reader->message, status_invalid, "Invalid character in file.");
 }
 
 // Moves behind a line that has been taken apart; `line_end` is what stood in place of its
@@ -351,7 +348,7 @@ VoError_t pass_line(Reader *reader, const char *text, KovaSz_t size, size_t leng
         return status; // the last line as well, of full length
     }
     return next == '\0' ? nul_byte(reader)
-                        : fail(reader->message, status_too_long, "Line is too long.");
+                        : report(reader->message, status_too_long, "Line is too long.");
 }
 
 // Reads the next line into a new entry at the end of the list; `*at_end` says that there was none.
@@ -359,7 +356,7 @@ VoError_t read_entry(Reader *reader, bool *at_end)
 {
     EntPtr ent(_KovaCfgEntAlloc());
     if (ent == nullptr) {
-        return fail(reader->message, status_memory, text_memory);
+        return report(reader->message, status_memory, text_memory);
     }
     char *const text = ent->_WorkBuff;
     KovaSz_t size = 0;
@@ -376,7 +373,7 @@ VoError_t read_entry(Reader *reader, bool *at_end)
     Line line = {ent.get(), type == CFGTYPE_WORDS, named ? CFGMOD_NAMESTART : CFGMOD_VALSTART};
     if (!parse_line(&line, text)) {
         const char *name = ent->KovaCfgName != nullptr ? ent->KovaCfgName : "(null)";
-        return fail(reader->message, status_too_long, "Line '%s' has too many fields.", name);
+        return report(reader->message, status_too_long, "Line '%s' has too many fields.", name);
     }
     status = pass_line(reader, text, size, length, line_end);
     if (status == 0) {
@@ -397,9 +394,6 @@ VoError_t _KovaCfgParse(KovaCfg_t *cfg, Message message)
     }
     return status;
 }
-
-// --- editing
-// ---------------------------------------------------------------------------------------
 
 // Appends texts to a work area; every text but null ones gets its place.
 struct Packer {
@@ -472,9 +466,6 @@ bool same_text(const char *a, const char *b)
     return a == nullptr || b == nullptr ? a == b : strcmp(a, b) == 0;
 }
 
-// --- saving
-// ----------------------------------------------------------------------------------------
-
 constexpr VoError_t no_such_file = ENOENT;
 
 // A save on its way.
@@ -510,8 +501,7 @@ VoError_t open_temp(Save *save)
     if (status == 0) {
         status = KovaFTruncate(file, 0);
     }
-    return status == 0 ? 0
-                       : fail(save->message, status, "KOVA Cfg: Error opening %s", save->temp_path);
+    return report(save->message, status, "KOVA Cfg: Error opening %s", save->temp_path);
 }
 
 // Gives the new file the mode and owner of the old one, as far as this process may.
@@ -557,7 +547,7 @@ VoError_t write_all(const Save *save, const char *text, size_t size)
 
 VoError_t too_long_to_save(const Save *save, const char *line)
 {
-    return fail(save->message, status_too_long, "KOVA Cfg: Line is too long '%s'", line);
+    return report(save->message, status_too_long, "KOVA Cfg: Line is too long '%s'", line);
 }
 
 // A comment that could not be read back would make the file unreadable.
@@ -569,8 +559,7 @@ VoError_t write_comment(const Save *save, const char *comment)
         return too_long_to_save(save, line);
     }
     const VoError_t status = write_all(save, line, static_cast<size_t>(length));
-    return status == 0 ? 0
-                       : fail(save->message, status, "KOVA Cfg: Error writing %s", save->temp_path);
+    return report(save->message, status, "KOVA Cfg: Error writing %s", save->temp_path);
 }
 
 // A line under construction: counts all that is added, keeps what fits.
@@ -614,9 +603,8 @@ VoError_t write_entry(const Save *save, const CfgEnt_t *ent)
     }
     line.add("\n");
     const VoError_t status = write_all(save, line.text, line.length);
-    return status == 0 ? 0
-                       : fail(save->message, status,
-                              "KOVA Cfg: Error writing to the configuration file (%d)", status);
+    return report(save->message, status, "KOVA Cfg: Error writing to the configuration file (%d)",
+                  status);
 }
 
 // Writes the whole text, syncs and closes it.
@@ -639,14 +627,13 @@ VoError_t write_temp(Save *save)
     // EINVAL: a file system that cannot sync.
     if (fsync(save->file->_KovaHndl) != 0 && errno != EINVAL) {
         status = errno;
-        return fail(save->message, status, "KOVA Cfg: Error writing to the configuration file (%d)",
-                    status);
+        return report(save->message, status,
+                      "KOVA Cfg: Error writing to the configuration file (%d)", status);
     }
     KovaHndl_t *file = save->file.release();
     status = KovaClose(&file);
-    return status == 0 ? 0
-                       : fail(save->message, status,
-                              "KOVA Cfg: Error closing temp configuration file (%d)", status);
+    return report(save->message, status, "KOVA Cfg: Error closing temp configuration file (%d)",
+                  status);
 }
 
 // Whether removing the target may help where renaming over it was refused. Any other failure would
@@ -664,14 +651,13 @@ VoError_t replace_old(const Save *save)
     if (removing_may_help(status)) {
         status = KovaDelete(path);
         if (status != 0) {
-            return fail(save->message, status, "KOVA Cfg: Error removing old copy of cfg file(%d)",
-                        status);
+            return report(save->message, status,
+                          "KOVA Cfg: Error removing old copy of cfg file(%d)", status);
         }
         status = KovaRename(save->temp_path, path);
     }
-    return status == 0 ? 0
-                       : fail(save->message, status,
-                              "KOVA Cfg: Error renaming new copy of cfg file (%d)", status);
+    return report(save->message, status, "KOVA Cfg: Error renaming new copy of cfg file (%d)",
+                  status);
 }
 
 VoError_t save_cfg(KovaCfg_t *cfg, Message message)
@@ -689,7 +675,8 @@ VoError_t save_cfg(KovaCfg_t *cfg, Message message)
     if (cfg->KovaHndl != nullptr) {
         status = KovaClose(&cfg->KovaHndl);
         if (status != 0) {
-            return fail(message, status, "KOVA Cfg: Error closing configuration file (%d)", status);
+            return report(message, status, "KOVA Cfg: Error closing configuration file (%d)",
+                          status);
         }
     }
     status = replace_old(&save);
@@ -698,9 +685,7 @@ VoError_t save_cfg(KovaCfg_t *cfg, Message message)
     }
     // The file is there now: asking for a new one would fail.
     status = KovaOpen(cfg->KovaCfgPath, cfg->KovaFlgs & ~KOVA_OPEN_EXCL, &cfg->KovaHndl);
-    return status == 0 ? 0
-                       : fail(message, status,
-                              "KOVA Cfg: Error reopening new copy of cfg file (%d)", status);
+    return report(message, status, "KOVA Cfg: Error reopening new copy of cfg file (%d)", status);
 }
 
 char lower(char c)
@@ -727,11 +712,11 @@ VoError_t KovaCfgOpen(const char *KovaCfgPath, KovaFlgs_t KovaFlgs, KovaCfgType_
         *KovaCfgOut = nullptr;
     }
     if (KovaCfgPath == nullptr || KovaCfgOut == nullptr) {
-        return fail(message, status_invalid, text_no_argument);
+        return report(message, status_invalid, text_no_argument);
     }
     CfgPtr cfg = alloc_cfg(KovaCfgType, KovaFlgs);
     if (cfg == nullptr) {
-        return fail(message, status_memory, text_memory);
+        return report(message, status_memory, text_memory);
     }
     VoError_t status = status_too_long;
     const size_t length = strlen(KovaCfgPath);
@@ -740,7 +725,7 @@ VoError_t KovaCfgOpen(const char *KovaCfgPath, KovaFlgs_t KovaFlgs, KovaCfgType_
         status = KovaOpen(KovaCfgPath, KovaFlgs, &cfg->KovaHndl);
     }
     if (status != 0) {
-        return fail(message, status, "KOVA Cfg: Error(%d) opening '%s'", status, KovaCfgPath);
+        return report(message, status, "KOVA Cfg: Error(%d) opening '%s'", status, KovaCfgPath);
     }
     status = _KovaCfgParse(cfg.get(), message);
     if (status == 0) {
@@ -763,7 +748,7 @@ VoError_t KovaCfgSave(KovaCfg_t *KovaCfg, char *ErrMsg, size_t ErrMsgSz)
 {
     const Message message = {ErrMsg, ErrMsgSz};
     return KovaCfg != nullptr ? save_cfg(KovaCfg, message)
-                              : fail(message, status_invalid, text_no_argument);
+                              : report(message, status_invalid, text_no_argument);
 }
 
 VoError_t KovaCfgCopy(KovaCfg_t **KovaCfgTrg, KovaCfg_t *KovaCfgSrc, char *ErrMsg, size_t ErrMsgSz)
@@ -773,11 +758,11 @@ VoError_t KovaCfgCopy(KovaCfg_t **KovaCfgTrg, KovaCfg_t *KovaCfgSrc, char *ErrMs
         *KovaCfgTrg = nullptr;
     }
     if (KovaCfgTrg == nullptr || KovaCfgSrc == nullptr) {
-        return fail(message, status_invalid, text_no_argument);
+        return report(message, status_invalid, text_no_argument);
     }
     CfgPtr copy = alloc_cfg(KovaCfgSrc->KovaCfgType, KovaCfgSrc->KovaFlgs);
     if (copy == nullptr) {
-        return fail(message, status_memory, text_memory);
+        return report(message, status_memory, text_memory);
     }
     memcpy(copy->KovaCfgPath, KovaCfgSrc->KovaCfgPath, sizeof copy->KovaCfgPath);
     CfgEnt_t *ent;
@@ -868,15 +853,15 @@ VoError_t KovaCfgInsert(KovaCfg_t *KovaCfg, int Index, const char *ValName, char
 {
     const Message message = {ErrMsg, ErrMsgSz};
     if (KovaCfg == nullptr) {
-        return fail(message, status_invalid, text_no_argument);
+        return report(message, status_invalid, text_no_argument);
     }
     EntPtr ent(_KovaCfgEntAlloc());
     if (ent == nullptr) {
-        return fail(message, status_memory, text_memory);
+        return report(message, status_memory, text_memory);
     }
     const char *problem = pack_entry(ent.get(), ValName, Vals, Comment);
     if (problem != nullptr) {
-        return fail(message, status_too_long, "%s", problem);
+        return report(message, status_too_long, "%s", problem);
     }
     _KovaCfgIntsEvaluate(ent.get());
     CfgEnt_t *const before = Index >= 0 ? entry_at(KovaCfg, Index) : nullptr;
