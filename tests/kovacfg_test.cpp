@@ -656,7 +656,7 @@ TEST_F(Cfg, ACompleteTextIsOnDiskWhateverFails)
 
 TEST_F(Cfg, AFullDiskKeepsTheOldFileAndShortWritesAreContinued)
 {
-    for (long room = 0; room <= 19; room += room < 17 ? 1 : 2) {
+    for (long room = 0; room <= 19; room++) {
         const bool fits = room == 19;
         ASSERT_EQ(load(CFGTYPE_ASSIGN, "old=1\nname=2\n"), 0);
         insert(0, "new", {"1"});
@@ -668,8 +668,8 @@ TEST_F(Cfg, AFullDiskKeepsTheOldFileAndShortWritesAreContinued)
         EXPECT_EQ(cfg, nullptr);
         EXPECT_EQ(support::read_file(path), fits ? "new=1\nold=1\nname=2\n" : "old=1\nname=2\n");
         unlink((path + "~").c_str());
+        EXPECT_STREQ(message, fits ? "" : "KOVA Cfg: Error writing to the configuration file (28)");
     }
-    EXPECT_STREQ(message, "KOVA Cfg: Error writing to the configuration file (28)");
 }
 
 TEST_F(Cfg, TheOldFileIsRemovedOnlyWhereRenamingOverItIsRefused)
