@@ -4,6 +4,7 @@
 #include "internal/hostlookup.h"
 #include "koutil/hostlookup.h"
 #include "koutil/rawip.h"
+#include "support/failing_malloc.h"
 #include "support/private_host.h"
 
 #include <gtest/gtest.h>
@@ -91,6 +92,20 @@ TEST(HostLookup, YieldsTheNameOrTheNumericText)
         EXPECT_STREQ(GetHostFromIp(&a, name), expected);
         EXPECT_EQ(asked, 2);
     }
+}
+
+TEST(FailureCache, AnswersWithoutMemoryAndRemembersLater)
+{
+    const in46addr_t a = address("10.4.0.1");
+    char name[256];
+    asked = 0;
+    for (int good = 0; good < 3; good++) {
+        const support::FailingMalloc failing(good);
+        EXPECT_STREQ(GetHostFromIpFailCache(&a, name), "10.4.0.1");
+    }
+    EXPECT_EQ(remembered("10.4.0.1", 0), 1);
+    EXPECT_STREQ(GetHostFromIpFailCache(&a, name), "10.4.0.1");
+    EXPECT_EQ(asked, 3);
 }
 
 TEST(FailureCache, RemembersAFailureForThirtyMinutes)

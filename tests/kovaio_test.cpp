@@ -1,5 +1,6 @@
 // kovaio_test.cpp - files and directories, on real ones.
 #include "koutil/kovaio.h"
+#include "support/failing_malloc.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +9,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <functional>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
@@ -295,4 +297,31 @@ TEST(KovaFileCopy, StopsAtASizeLimitWithWhatWasWritten)
     });
     EXPECT_TRUE(outcome.exited(1)) << outcome.err;
     EXPECT_TRUE(read_file(dir / "to") == pattern(50000));
+}
+
+TEST(Kovaio, ReportsEveryFailedAllocationAndKeepsNothing)
+{
+    const TempDir dir;
+    const std::string path = dir / "a/b";
+    const int open_before = support::open_descriptors();
+    KovaHndl_t *file = nullptr;
+    KovaDirEnum_t *listing = nullptr;
+    char name[256];
+    const std::function<VoError_t()> calls[] = {
+        [&] { return KovaMkPath(path.c_str()); },
+        [&] { return KovaOpen(path.c_str(), 1, &file); },
+        [&] { return KovaDirEnumStart(path.c_str(), sizeof name, name, nullptr, &listing); },
+    };
+    for (const auto &call : calls) {
+        VoError_t status = 20;
+        for (int good = 0; status != 0; good++) {
+            ASSERT_TRUE(status == 20 || status == ENOMEM) << status;
+            EXPECT_EQ(listing, nullptr);
+            const support::FailingMalloc failing(good);
+            status = call();
+        }
+    }
+    KovaClose(&file);
+    KovaDirEnumEnd(&listing);
+    EXPECT_EQ(support::open_descriptors(), open_before);
 }
