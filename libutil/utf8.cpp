@@ -9,8 +9,11 @@
 #include "koutil/utf8.h"
 
 #include "internal/utf8_case.h"
+#include "internal/utf8_vectors.h"
 
 #include <algorithm>
+#include <atomic>
+#include <bit>
 #include <cstring>
 #include <emmintrin.h>
 
@@ -269,11 +272,30 @@ ConversionResult encode_characters(Encoding &job, const UTF16 *stop)
     return conversionOK;
 }
 
+enum Steps { steps_unknown, steps_narrow, steps_wide };
+
+// Decided at the first conversion; threads that race decide alike.
+constinit std::atomic<int> steps{steps_unknown};
+
+bool has_wide_steps()
+{
+    int known = steps.load(std::memory_order_relaxed);
+    if (known == steps_unknown) {
+        known = koutil::processor_is_wide() ? steps_wide : steps_narrow;
+        steps.store(known, std::memory_order_relaxed);
+    }
+    return known == steps_wide;
+}
+
 constexpr size_t run_size = 16; // characters that an ASCII step takes
 
-// Takes whole steps of ASCII, which needs no rule but room. Not for the sfm mapping.
+// Takes runs of well-formed characters, which need no rule but room: of any characters by wide
+// steps, then of ASCII. Not for the sfm mapping.
 void take_runs(Decoding &job)
 {
+    if (has_wide_steps()) {
+        koutil::decode_wide(&job.source, job.left(), &job.target, job.room());
+    }
     const __m128i zero = _mm_setzero_si128();
     while (job.left() >= run_size && job.room() >= run_size) {
         const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(job.source));
@@ -290,6 +312,9 @@ void take_runs(Decoding &job)
 
 void take_runs(Encoding &job)
 {
+    if (has_wide_steps()) {
+        koutil::encode_wide(&job.source, job.left(), &job.target, job.room());
+    }
     const __m128i not_ascii = _mm_set1_epi16(static_cast<short>(0xFF80));
     while (job.left() >= run_size && job.room() >= run_size) {
         const __m128i *const in = reinterpret_cast<const __m128i *>(job.source);
@@ -384,6 +409,11 @@ ConversionResult convert(const From **source, const From *source_end, To **targe
 
 } // namespace
 
+void koutil::utf8_allow_wide_steps(bool allowed)
+{
+    steps.store(allowed ? steps_unknown : steps_narrow, std::memory_order_relaxed);
+}
+
 ConversionResult ConvertUTF16toUTF8(const UTF16 **sourceStart, const UTF16 *sourceEnd,
                                     UTF8 **targetStart, UTF8 *targetEnd, ConversionFlags flags)
 {
@@ -432,8 +462,8 @@ constexpr UTF8 ascii_lower(UTF8 byte)
 // The counterpart of a packed sequence of `length` bytes, well-formed or not.
 inline UTF32 mapped_sequence(const CaseMap &map, UTF32 key, size_t length)
 {
-    if (length == 2 && (key & 0xC0) == 0x80) {
-        return map.two_bytes.mapped[(key >> 8 & 0x1F) << 6 | (key & 0x3F)];
+    if (length == 2 && (key & 0xE0C0) == 0xC080) {
+        return map.two_bytes.mapped[key ^ koutil::two_byte_marks];
     }
     if (length == 3) {
         const UTF32 lead = key >> 16;
@@ -504,23 +534,215 @@ void change_case(const CaseMap &map, UTF8 *source)
     }
 }
 
-// The sequence at `at`, packed, with zeros for the bytes that a terminator cuts. Moves *at behind
-// it, but not past the terminator.
-UTF32 take_sequence(const UTF8 **at, size_t length)
-{
-    UTF32 key = 0;
-    for (size_t i = 0; i < length; ++i) {
-        key = key << 8 | **at;
-        *at += **at != 0 ? 1 : 0;
+// Comparison.
+//
+// The rules walk both texts in step, one sequence at a time, as their lead bytes announce it; the
+// lengths are equal as long as the texts are. Equal bytes make equal sequences however they fall
+// into sequences, so runs of them are skipped sixteen at a time. Where a run ends the walk is taken
+// up again at the start of the sequence that holds its end.
+
+// Two texts being compared: where the walk stands, and for utf8ncasecmp how much of them is left.
+struct Walk {
+    const UTF8 *s1;
+    const UTF8 *s2;
+    size_t left;
+
+    void step(size_t length)
+    {
+        s1 += length;
+        s2 += length;
+        left -= length;
     }
-    return key;
+};
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool may_peek = false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) ||                         \
+    __has_feature(memory_sanitizer)
+constexpr bool may_peek = false;
+#else
+constexpr bool may_peek = true;
+#endif
+#else
+constexpr bool may_peek = true;
+#endif
+
+unsigned bits_of(__m128i bytes)
+{
+    return static_cast<unsigned>(_mm_movemask_epi8(bytes));
 }
 
-// Compares the sequences of `length` bytes at *s1 and *s2 and moves behind both.
-int compare_sequences(const UTF8 **s1, const UTF8 **s2, size_t length)
+// For the sixteen bytes before `at`: the start of the sequence that holds `at`, or null when they
+// are not made of whole well-formed sequences.
+//
+// A walk that comes from before them has found its step by then: the last sequence that begins
+// before them ends within their first five bytes, and from anywhere inside a well-formed sequence
+// the walk goes on byte by byte to the next one.
+const UTF8 *well_formed_start(const UTF8 *at)
 {
-    const UTF32 key1 = take_sequence(s1, length);
-    const UTF32 key2 = take_sequence(s2, length);
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(at - run_size));
+    const unsigned high = bits_of(bytes);
+    const unsigned multi = high & bits_of(_mm_slli_epi16(bytes, 1));
+    const unsigned three = multi & bits_of(_mm_slli_epi16(bytes, 2));
+    const unsigned four = three & bits_of(_mm_slli_epi16(bytes, 3));
+    const unsigned five = four & bits_of(_mm_slli_epi16(bytes, 4));
+    const unsigned tails = high & ~multi;
+    const unsigned first =
+        static_cast<unsigned>(std::countr_one(tails)); // belong to a start before
+    const unsigned expected = multi << 1 | three << 2 | four << 3;
+    if (first > 3 || five != 0 || ((tails ^ expected) & 0xFFFF) != (1u << first) - 1) {
+        return nullptr;
+    }
+    if ((expected >> run_size & 1) == 0) {
+        return at;
+    }
+    const int last_lead = std::bit_width(multi) - 1;
+    return at - run_size + last_lead;
+}
+
+// The start of the sequence that holds `at`, on a walk from `from` over bytes other than 0.
+__attribute__((noinline)) const UTF8 *sequence_start(const UTF8 *from, const UTF8 *at)
+{
+    if (at - from >= static_cast<ptrdiff_t>(run_size)) {
+        const UTF8 *const start = well_formed_start(at);
+        if (start != nullptr) {
+            return start;
+        }
+    }
+    while (from < at && sequence_length(*from) <= static_cast<size_t>(at - from)) {
+        from += sequence_length(*from);
+    }
+    return from;
+}
+
+__m128i load_run(const UTF8 *at)
+{
+    return _mm_loadu_si128(reinterpret_cast<const __m128i *>(at));
+}
+
+// Where two runs differ or end.
+unsigned run_stops(__m128i a, __m128i b)
+{
+    return bits_of(_mm_cmpeq_epi8(_mm_and_si128(a, _mm_cmpeq_epi8(a, b)), _mm_setzero_si128()));
+}
+
+// Where two runs differ in more than the case of an ASCII letter, end, or are not ASCII.
+unsigned ascii_stops(__m128i a, __m128i b)
+{
+    const __m128i bit = _mm_set1_epi8(case_bit);
+    // Moves the letters of `a` to the top of the signed range.
+    const __m128i moved = _mm_add_epi8(_mm_or_si128(a, bit), _mm_set1_epi8(0x7F - 'z'));
+    const __m128i letters = _mm_cmpgt_epi8(moved, _mm_set1_epi8(0x7F - 26));
+    const __m128i differ = _mm_andnot_si128(_mm_and_si128(letters, bit), _mm_xor_si128(a, b));
+    const __m128i same = _mm_cmpeq_epi8(differ, _mm_setzero_si128());
+    const __m128i ascii = _mm_cmpgt_epi8(a, _mm_setzero_si128());
+    return bits_of(_mm_and_si128(same, ascii)) ^ 0xFFFFu;
+}
+
+// How many bytes can be loaded from both places although a terminator may stand among them: what
+// follows it in the same page can be read without harm, but the sanitizers object.
+size_t can_peek(const UTF8 *s1, const UTF8 *s2)
+{
+    constexpr uintptr_t page = 4096;
+    const uintptr_t place = std::max(reinterpret_cast<uintptr_t>(s1) & (page - 1),
+                                     reinterpret_cast<uintptr_t>(s2) & (page - 1));
+    return may_peek ? page - place : 0;
+}
+
+// Moves the walk over equal bytes, and at first over ASCII letters of either case. True when both
+// texts end there. A counted walk stops before a lead byte that ends it, and goes no further than
+// its count; the end of a text is left to the rules, which may have to look back.
+template <bool counted>
+__attribute__((always_inline)) inline bool skip_equal(Walk &walk)
+{
+    const size_t peek = can_peek(walk.s1, walk.s2);
+    const size_t limit = counted ? std::min(peek, walk.left) : peek;
+    __m128i seen = _mm_setzero_si128();
+    size_t at = 0;
+    for (; at + run_size <= limit; at += run_size) {
+        const __m128i a = load_run(walk.s1 + at);
+        const __m128i b = load_run(walk.s2 + at);
+        unsigned stops = run_stops(a, b);
+        if (counted) {
+            const __m128i too_long = _mm_set1_epi8(static_cast<char>(0xF8));
+            stops |= bits_of(_mm_cmpeq_epi8(_mm_max_epu8(a, too_long), a));
+        }
+        if (stops == 0) {
+            seen = _mm_or_si128(seen, a);
+            continue;
+        }
+        size_t place = at + static_cast<size_t>(std::countr_zero(stops));
+        if (!counted && (walk.s1[place] | walk.s2[place]) == 0) {
+            return true;
+        }
+        if (bits_of(seen) != 0) {
+            at = place;
+            break;
+        }
+        stops = ascii_stops(a, b);
+        if (stops != 0) {
+            at += static_cast<size_t>(std::countr_zero(stops));
+            if (!counted && (walk.s1[at] | walk.s2[at]) == 0) {
+                return true;
+            }
+            break;
+        }
+    }
+    if (bits_of(seen) != 0) {
+        at = static_cast<size_t>(sequence_start(walk.s1, walk.s1 + at) - walk.s1);
+    }
+    walk.step(at);
+    return false;
+}
+
+// The two-byte sequence at `at` as a place in a direct table; past the table for any other bytes.
+// Reads the second byte, so the first must not be a terminator.
+unsigned two_byte_place(const UTF8 *at)
+{
+    uint16_t bytes;
+    memcpy(&bytes, at, sizeof bytes);
+    return __builtin_bswap16(bytes) ^ koutil::two_byte_marks;
+}
+
+// Moves the walk over two-byte sequences of equal characters.
+template <bool counted>
+__attribute__((always_inline)) inline void skip_two_bytes(Walk &walk)
+{
+    Walk at = walk;
+    while ((!counted || at.left >= 2) && (*at.s1 & *at.s2) >= 0xC0) {
+        const unsigned place1 = two_byte_place(at.s1);
+        const unsigned place2 = two_byte_place(at.s2);
+        if (((place1 | place2) & 0xE0C0) != 0 ||
+            lower_two_bytes.mapped[place1] != lower_two_bytes.mapped[place2]) {
+            break;
+        }
+        at.step(2);
+    }
+    walk = at;
+}
+
+// A sequence, packed, with zeros for the bytes that a terminator cuts; and how many bytes it has,
+// the terminator not counted.
+struct Sequence {
+    UTF32 key;
+    size_t taken;
+};
+
+Sequence take_sequence(const UTF8 *at, size_t length)
+{
+    Sequence sequence = {0, 0};
+    for (size_t i = 0; i < length; ++i) {
+        const UTF8 byte = at[sequence.taken];
+        sequence.key = sequence.key << 8 | byte;
+        sequence.taken += byte != 0 ? 1 : 0;
+    }
+    return sequence;
+}
+
+// Order of two sequences of `length` bytes.
+int compare_keys(UTF32 key1, UTF32 key2, size_t length)
+{
     if (key1 == key2) {
         return 0;
     }
@@ -543,6 +765,61 @@ int compare_bytes(const UTF8 *s1, const UTF8 *s2, size_t n)
     return 0;
 }
 
+constexpr unsigned calm = 8; // equal steps after which a longer run is looked for
+
+// Compares the texts `s1` and `s2`, whose first `equal` bytes are the same but for the case of
+// ASCII letters, those in no longer sequence.
+template <bool counted>
+__attribute__((noinline)) int compare_texts(const UTF8 *s1, const UTF8 *s2, size_t n, size_t equal)
+{
+    Walk walk = {s1, s2, n};
+    if (equal != 0) {
+        walk.step(static_cast<size_t>(sequence_start(s1, s1 + equal) - s1));
+    }
+    skip_two_bytes<counted>(walk);
+    unsigned steps_to_skip = 0;
+    while (!counted || walk.left > 0) {
+        if (steps_to_skip-- == 0) {
+            if (skip_equal<counted>(walk)) {
+                return 0;
+            }
+            steps_to_skip = calm;
+            continue;
+        }
+        const UTF8 c1 = ascii_lower(*walk.s1);
+        const UTF8 c2 = ascii_lower(*walk.s2);
+        if ((c1 | c2) < 0x80) {
+            if (c1 != c2 || c1 == 0) {
+                return c1 - c2;
+            }
+            walk.step(1);
+            continue;
+        }
+        if (!counted && (c1 == 0 || c2 == 0)) {
+            return c1 - c2;
+        }
+        const size_t length1 = sequence_length(c1);
+        const size_t length2 = sequence_length(c2);
+        if (length1 != length2) {
+            return static_cast<int>(length1) - static_cast<int>(length2);
+        }
+        if (counted && (length1 > walk.left || length1 > 4)) {
+            return compare_bytes(s1, s2, n);
+        }
+        const Sequence sequence1 = take_sequence(walk.s1, length1);
+        const Sequence sequence2 = take_sequence(walk.s2, length1);
+        const int order = compare_keys(sequence1.key, sequence2.key, length1);
+        if (order != 0) {
+            return order;
+        }
+        walk.s1 += sequence1.taken;
+        walk.s2 += sequence2.taken;
+        walk.left -= length1;
+        skip_two_bytes<counted>(walk);
+    }
+    return 0;
+}
+
 } // namespace
 
 void utf8tolower(UTF8 *source)
@@ -557,62 +834,35 @@ void utf8toupper(UTF8 *source)
 
 int utf8casecmp(const UTF8 *s1, const UTF8 *s2)
 {
-    for (;;) {
-        const UTF8 c1 = ascii_lower(*s1);
-        const UTF8 c2 = ascii_lower(*s2);
-        if ((c1 | c2) < 0x80) {
-            if (c1 != c2 || c1 == 0) {
-                return c1 - c2;
+    const ptrdiff_t last =
+        static_cast<ptrdiff_t>(can_peek(s1, s2)) - static_cast<ptrdiff_t>(run_size);
+    ptrdiff_t at = 0;
+    for (; at <= last; at += run_size) {
+        const unsigned stops = run_stops(load_run(s1 + at), load_run(s2 + at));
+        if (stops != 0) {
+            const ptrdiff_t place = at + __builtin_ctz(stops);
+            if ((s1[place] | s2[place]) == 0) {
+                return 0;
             }
-            ++s1;
-            ++s2;
-            continue;
-        }
-        if (c1 == 0 || c2 == 0) {
-            return c1 - c2;
-        }
-        const size_t length1 = sequence_length(c1);
-        const size_t length2 = sequence_length(c2);
-        if (length1 != length2) {
-            return static_cast<int>(length1) - static_cast<int>(length2);
-        }
-        const int order = compare_sequences(&s1, &s2, length1);
-        if (order != 0) {
-            return order;
+            break;
         }
     }
+    if (at == 0 && (*s1 | *s2) < 0x80) {
+        for (; at <= last; at += run_size) {
+            const unsigned stops = ascii_stops(load_run(s1 + at), load_run(s2 + at));
+            if (stops != 0) {
+                at += __builtin_ctz(stops);
+                if ((s1[at] | s2[at]) == 0) {
+                    return 0;
+                }
+                break;
+            }
+        }
+    }
+    return compare_texts<false>(s1, s2, 0, static_cast<size_t>(at));
 }
 
 int utf8ncasecmp(const UTF8 *s1, const UTF8 *s2, int n)
 {
-    const UTF8 *at1 = s1;
-    const UTF8 *at2 = s2;
-    size_t left = n > 0 ? static_cast<size_t>(n) : 0;
-    while (left > 0) {
-        const UTF8 c1 = ascii_lower(*at1);
-        const UTF8 c2 = ascii_lower(*at2);
-        if ((c1 | c2) < 0x80) {
-            if (c1 != c2 || c1 == 0) {
-                return c1 - c2;
-            }
-            ++at1;
-            ++at2;
-            --left;
-            continue;
-        }
-        const size_t length1 = sequence_length(c1);
-        const size_t length2 = sequence_length(c2);
-        if (length1 != length2) {
-            return static_cast<int>(length1) - static_cast<int>(length2);
-        }
-        if (length1 > left || length1 > 4) {
-            return compare_bytes(s1, s2, static_cast<size_t>(n));
-        }
-        const int order = compare_sequences(&at1, &at2, length1);
-        if (order != 0) {
-            return order;
-        }
-        left -= length1;
-    }
-    return 0;
+    return n > 0 ? compare_texts<true>(s1, s2, static_cast<size_t>(n), 0) : 0;
 }

@@ -1,5 +1,6 @@
 // utf8_test.cpp - the conversions against their plain rules, on buffers of the exact size so that
 // the address sanitizer sees a byte too many; the case tables, case conversion and comparison.
+#include "internal/utf8_vectors.h"
 #include "koutil/utf8.h"
 
 #include <gtest/gtest.h>
@@ -214,20 +215,28 @@ Outcome<To> run(const std::vector<From> &s, size_t room, unsigned flags, bool te
             std::vector<To>(target.get(), target.get() + room)};
 }
 
+// Holds the conversion against the plain rules, with the processor's wide steps and without.
+template <typename To, typename From>
+void check(const Outcome<To> &expected, const std::vector<From> &s, unsigned flags, bool terminated,
+           size_t offset)
+{
+    for (bool wide : {true, false}) {
+        koutil::utf8_allow_wide_steps(wide);
+        ASSERT_EQ(run<To>(s, expected.target.size(), flags, terminated, offset), expected)
+            << "flags " << flags << " terminated " << terminated << " wide " << wide << " source "
+            << testing::PrintToString(s);
+    }
+    koutil::utf8_allow_wide_steps(true);
+}
+
 void check_decode(const Bytes &s, size_t room, unsigned flags, bool terminated, size_t offset = 0)
 {
-    ASSERT_EQ(run<UTF16>(s, room, flags, terminated, offset),
-              plain_decode(s, room, flags, terminated))
-        << "flags " << flags << " terminated " << terminated << " source "
-        << testing::PrintToString(s);
+    check(plain_decode(s, room, flags, terminated), s, flags, terminated, offset);
 }
 
 void check_encode(const Units &s, size_t room, unsigned flags, bool terminated, size_t offset = 0)
 {
-    ASSERT_EQ(run<UTF8>(s, room, flags, terminated, offset),
-              plain_encode(s, room, flags, terminated))
-        << "flags " << flags << " terminated " << terminated << " source "
-        << testing::PrintToString(s);
+    check(plain_encode(s, room, flags, terminated), s, flags, terminated, offset);
 }
 
 void append(Bytes &text, UTF32 ch)

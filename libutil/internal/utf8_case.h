@@ -132,17 +132,23 @@ constexpr bool is_complete(const CaseTable &table, bool to_lower)
     return pairs == case_pairs && used == case_pairs;
 }
 
-// Two-byte sequences have a direct table beside the hashed one, by the low bits of both bytes.
+// Two-byte sequences have a direct table beside the hashed one. A place is the packed sequence less
+// its marks, 0xC080; three quarters of the places stand for none and stay empty, so that a place is
+// found in one step.
+constexpr unsigned two_byte_marks = 0xC080;
+
 struct TwoByteTable {
-    uint16_t mapped[2048];
+    uint16_t mapped[0x2000];
 };
 
 constexpr TwoByteTable make_two_byte_table(const CaseTable &table)
 {
     TwoByteTable direct = {};
-    for (unsigned i = 0; i < 2048; ++i) {
-        const UTF32 key = (0xC0u | i >> 6) << 8 | (0x80u | (i & 0x3F));
-        direct.mapped[i] = static_cast<uint16_t>(mapped(table, key));
+    for (unsigned lead = 0; lead < 0x20; ++lead) {
+        for (unsigned tail = 0; tail < 0x40; ++tail) {
+            const unsigned place = lead << 8 | tail;
+            direct.mapped[place] = static_cast<uint16_t>(mapped(table, place | two_byte_marks));
+        }
     }
     return direct;
 }
