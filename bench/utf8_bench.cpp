@@ -34,8 +34,8 @@ const char *sample_of(Kind kind)
     case chinese:
         return "天地玄黃宇宙洪荒日月盈昃辰宿列張寒來暑往秋收冬藏閏餘成歲律呂調陽雲騰致雨露結為霜";
     case emoji:
-        return "😀😁😂🤣😃😄😅😆😉😊😋😎😍😘🥰😗😙😚🙂🤗🤩🤔🤨😐😑😶🙄😏😣"
-               "😥";
+        return "😀😁😂🤣😃😄😅😆😉😊😋😎😍😘🥰😗😙😚"
+               "🙂🤗🤩🤔🤨😐😑😶🙄😏😣😥";
     default:
         return "plain words, ça et là, привет мир, 天地玄黃宇宙, 😀😁 and again plain words. ";
     }

@@ -597,7 +597,7 @@ const UTF8 *well_formed_start(const UTF8 *at)
     if ((expected >> run_size & 1) == 0) {
         return at;
     }
-    const int last_lead = std::bit_width(multi) - 1;
+    const int last_lead = static_cast<int>(std::bit_width(multi)) - 1;
     return at - run_size + last_lead;
 }
 
