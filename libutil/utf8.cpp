@@ -31,7 +31,8 @@ constexpr UTF16 sfm_last = 0xF029;
 constexpr char sfm_characters[] = "\"*:<>?\\| .";
 static_assert(sizeof sfm_characters - 1 == sfm_last - sfm_special + 1);
 
-constexpr SfmTable make_sfm_table()
+// Inside a name a space and a period stay as they are.
+constexpr SfmTable make_sfm_table(bool inside)
 {
     SfmTable table = {};
     for (unsigned i = 0; i < 128; ++i) {
@@ -41,8 +42,14 @@ constexpr SfmTable make_sfm_table()
         table.unit[static_cast<unsigned char>(sfm_characters[i])] =
             static_cast<UTF16>(sfm_special + i);
     }
+    if (inside) {
+        table.unit[' '] = ' ';
+        table.unit['.'] = '.';
+    }
     return table;
 }
+
+constexpr SfmTable sfm_inside = make_sfm_table(true);
 
 } // namespace
 
@@ -53,7 +60,7 @@ extern const koutil::CaseTable ko_utf8_upper;
 extern const SfmTable ko_utf8_sfm;
 constexpr koutil::CaseTable ko_utf8_lower = koutil::make_case_table(true);
 constexpr koutil::CaseTable ko_utf8_upper = koutil::make_case_table(false);
-constexpr SfmTable ko_utf8_sfm = make_sfm_table();
+constexpr SfmTable ko_utf8_sfm = make_sfm_table(false);
 
 extern const utf8hashbkt_t utf8hash_tolower[UTF8HASH_BUCKETS]
     __attribute__((alias("ko_utf8_lower")));
@@ -129,35 +136,47 @@ bool is_legal(const UTF8 *source, size_t length)
     return (length < 3 || is_continuation(source[2])) && (length < 4 || is_continuation(source[3]));
 }
 
-// The code point of a legal sequence.
-UTF32 decoded(const UTF8 *source, size_t length)
+UTF8 continuation(UTF32 ch)
 {
-    switch (length) {
-    case 1:
-        return source[0];
-    case 2:
-        return UTF32{source[0] & 0x1Fu} << 6 | (source[1] & 0x3Fu);
-    case 3:
-        return UTF32{source[0] & 0x0Fu} << 12 | UTF32{source[1] & 0x3Fu} << 6 | (source[2] & 0x3Fu);
-    default:
-        return UTF32{source[0] & 0x07u} << 18 | UTF32{source[1] & 0x3Fu} << 12 |
-               UTF32{source[2] & 0x3Fu} << 6 | (source[3] & 0x3Fu);
-    }
+    return static_cast<UTF8>((ch & 0x3F) | 0x80);
 }
 
-size_t encoded_length(UTF32 ch)
+// Encodes a code point. Returns its length, or 0 with nothing written when there is no room.
+inline size_t encode(UTF32 ch, UTF8 *target, const UTF8 *end)
 {
-    return ch < 0x80 ? 1 : ch < 0x800 ? 2 : ch < halfBase ? 3 : 4;
-}
-
-void encode(UTF32 ch, size_t length, UTF8 *target)
-{
-    constexpr UTF8 firstByteMark[] = {0x00, 0x00, 0xC0, 0xE0, 0xF0};
-    for (size_t i = length - 1; i > 0; --i) {
-        target[i] = static_cast<UTF8>((ch & 0x3F) | 0x80);
-        ch >>= 6;
+    const ptrdiff_t room = end - target;
+    if (ch < 0x80) {
+        if (room < 1) {
+            return 0;
+        }
+        target[0] = static_cast<UTF8>(ch);
+        return 1;
     }
-    target[0] = static_cast<UTF8>(ch | firstByteMark[length]);
+    if (ch < 0x800) {
+        if (room < 2) {
+            return 0;
+        }
+        target[0] = static_cast<UTF8>(ch >> 6 | 0xC0);
+        target[1] = continuation(ch);
+        return 2;
+    }
+    if (ch < halfBase) {
+        if (room < 3) {
+            return 0;
+        }
+        target[0] = static_cast<UTF8>(ch >> 12 | 0xE0);
+        target[1] = continuation(ch >> 6);
+        target[2] = continuation(ch);
+        return 3;
+    }
+    if (room < 4) {
+        return 0;
+    }
+    target[0] = static_cast<UTF8>(ch >> 18 | 0xF0);
+    target[1] = continuation(ch >> 12);
+    target[2] = continuation(ch >> 6);
+    target[3] = continuation(ch);
+    return 4;
 }
 
 // A conversion on its way. `source` and `target` stand at a character's start between two steps.
@@ -180,68 +199,110 @@ struct Conversion {
 using Decoding = Conversion<UTF8, UTF16>;
 using Encoding = Conversion<UTF16, UTF8>;
 
-// The unit for an ASCII character under the sfm mapping. A space or period stays unless it is the
-// `last` character of a bounded source.
-UTF16 sfm_unit(const Decoding &job, UTF32 ch, bool last)
+// The unit for the last character of a bounded source under the sfm mapping, where it is ASCII. The
+// periods of "." and ".." stay.
+UTF16 last_sfm_unit(const Decoding &job, UTF8 last)
 {
-    if (ch != ' ' && ch != '.') {
-        return ko_utf8_sfm.unit[ch];
-    }
     const ptrdiff_t length = job.end - job.begin;
     const bool dots = job.begin[0] == '.' && (length == 1 || (length == 2 && job.begin[1] == '.'));
-    return last && !dots ? ko_utf8_sfm.unit[ch] : static_cast<UTF16>(ch);
+    return dots ? last : ko_utf8_sfm.unit[last];
 }
 
-// Converts one character at a time until the source reaches `stop` or a step fails.
+// The code point of the legal sequence of two bytes and more at `source`, of which `left` bytes can
+// be read. Returns its length, or 0 when it is not legal or not whole. A code point that a shorter
+// sequence has, or none, gives away the leads and second bytes that is_legal refuses.
+inline size_t decode_sequence(const UTF8 *source, size_t left, UTF32 *ch)
+{
+    const UTF8 lead = source[0];
+    if (left < 2 || lead < 0xC2 || !is_continuation(source[1])) {
+        return 0;
+    }
+    const UTF32 second = source[1] & 0x3Fu;
+    if (lead < 0xE0) {
+        *ch = UTF32{lead & 0x1Fu} << 6 | second;
+        return 2;
+    }
+    if (left < 3 || !is_continuation(source[2])) {
+        return 0;
+    }
+    const UTF32 third = source[2] & 0x3Fu;
+    if (lead < 0xF0) {
+        *ch = UTF32{lead & 0x0Fu} << 12 | second << 6 | third;
+        return *ch >= 0x800 ? 3 : 0;
+    }
+    if (left < 4 || lead > 0xF4 || !is_continuation(source[3])) {
+        return 0;
+    }
+    *ch = UTF32{lead & 0x07u} << 18 | second << 12 | third << 6 | (source[3] & 0x3Fu);
+    return *ch >= halfBase && *ch <= 0x10FFFF ? 4 : 0;
+}
+
+// Converts one character at a time until the source reaches `stop` or a step fails. The rules for a
+// character, in their order: it is whole; it is legal; there is room for a unit; it is no surrogate
+// in strict mode; there is room for all of it.
 template <bool terminated, bool sfm>
 ConversionResult decode_characters(Decoding &job, const UTF8 *stop)
 {
-    while (job.source < stop) {
-        const size_t length = sequence_length(*job.source);
-        if (!terminated && length > job.left()) {
-            return sourceExhausted;
+    const UTF16 *const units = sfm ? sfm_inside.unit : nullptr;
+    const UTF8 *source = job.source;
+    UTF16 *target = job.target;
+    ConversionResult result = conversionOK;
+    while (source < stop) {
+        const UTF8 lead = *source;
+        if (lead < 0x80) {
+            if (target >= job.target_end) {
+                result = targetExhausted;
+                break;
+            }
+            const bool last = sfm && !terminated && source + 1 == job.end;
+            *target++ = last ? last_sfm_unit(job, lead) : sfm ? units[lead] : lead;
+            ++source;
+            continue;
         }
-        if (!is_legal(job.source, length)) {
-            return sourceIllegal;
+        const size_t left = terminated ? SIZE_MAX : static_cast<size_t>(job.end - source);
+        UTF32 ch = 0;
+        const size_t length = decode_sequence(source, left, &ch);
+        if (length == 0) {
+            result = sequence_length(lead) > left ? sourceExhausted : sourceIllegal;
+            break;
         }
-        const UTF32 ch = decoded(job.source, length);
-        if (job.room() == 0) {
-            return targetExhausted;
+        if (target >= job.target_end) {
+            result = targetExhausted;
+            break;
         }
         if (ch >= halfBase) {
-            if (job.room() < 2) {
-                return targetExhausted;
+            if (job.target_end - target < 2) {
+                result = targetExhausted;
+                break;
             }
-            *job.target++ = static_cast<UTF16>(0xD800 + ((ch - halfBase) >> halfShift));
-            *job.target++ = static_cast<UTF16>(0xDC00 + ((ch - halfBase) & halfMask));
+            *target++ = static_cast<UTF16>(0xD800 + ((ch - halfBase) >> halfShift));
+            ch = 0xDC00 + ((ch - halfBase) & halfMask);
         } else if (job.strict && is_surrogate(ch)) {
-            return sourceIllegal;
-        } else if (sfm && ch < 0x80) {
-            *job.target++ = sfm_unit(job, ch, !terminated && job.left() == 1);
-        } else {
-            *job.target++ = static_cast<UTF16>(ch);
+            result = sourceIllegal;
+            break;
         }
-        job.source += length;
+        *target++ = static_cast<UTF16>(ch);
+        source += length;
     }
-    return conversionOK;
+    job.source = source;
+    job.target = target;
+    return result;
 }
 
-// The character at the source, and how many units it takes; 0 units for a lone surrogate that
-// strict mode refuses. A high surrogate at the end of a bounded source is taken as it is.
+// The code point that a surrogate at `source` begins, and how many units it takes; 0 units for a
+// lone one that strict mode refuses. A high surrogate at the end of a bounded source is taken as it
+// is.
 template <bool terminated>
-size_t next_code_point(const Encoding &job, UTF32 *ch)
+size_t surrogate_code_point(const Encoding &job, const UTF16 *source, UTF32 *ch)
 {
-    *ch = *job.source;
-    if (!is_surrogate(*ch)) {
-        return 1;
-    }
+    *ch = *source;
     if (is_low_surrogate(*ch)) {
         return job.strict ? 0 : 1;
     }
-    if (!terminated && job.left() == 1) {
+    if (!terminated && source + 1 == job.end) {
         return 1;
     }
-    const UTF32 low = job.source[1];
+    const UTF32 low = source[1];
     if (is_low_surrogate(low)) {
         *ch = ((*ch - 0xD800) << halfShift) + (low - 0xDC00) + halfBase;
         return 2;
@@ -252,24 +313,32 @@ size_t next_code_point(const Encoding &job, UTF32 *ch)
 template <bool terminated, bool sfm>
 ConversionResult encode_characters(Encoding &job, const UTF16 *stop)
 {
-    while (job.source < stop) {
-        UTF32 ch = 0;
-        const size_t units = next_code_point<terminated>(job, &ch);
-        if (units == 0) {
-            return sourceIllegal;
-        }
-        if (sfm && ch >= sfm_first && ch <= sfm_last) {
+    const UTF16 *source = job.source;
+    UTF8 *target = job.target;
+    ConversionResult result = conversionOK;
+    while (source < stop) {
+        UTF32 ch = *source;
+        size_t units = 1;
+        if (is_surrogate(ch)) {
+            units = surrogate_code_point<terminated>(job, source, &ch);
+            if (units == 0) {
+                result = sourceIllegal;
+                break;
+            }
+        } else if (sfm && ch >= sfm_first && ch <= sfm_last) {
             ch = ch < sfm_special ? ch & 0x1F : sfm_U2A[ch & 0xF];
         }
-        const size_t length = encoded_length(ch);
-        if (length > job.room()) {
-            return targetExhausted;
+        const size_t length = encode(ch, target, job.target_end);
+        if (length == 0) {
+            result = targetExhausted;
+            break;
         }
-        encode(ch, length, job.target);
-        job.source += units;
-        job.target += length;
+        source += units;
+        target += length;
     }
-    return conversionOK;
+    job.source = source;
+    job.target = target;
+    return result;
 }
 
 enum Steps { steps_unknown, steps_narrow, steps_wide };
@@ -287,7 +356,8 @@ bool has_wide_steps()
     return known == steps_wide;
 }
 
-constexpr size_t run_size = 16; // characters that an ASCII step takes
+constexpr size_t run_size = 16;    // characters that an ASCII step takes
+constexpr size_t plain_piece = 48; // elements after which longer steps are tried again
 
 // Takes runs of well-formed characters, which need no rule but room: of any characters by wide
 // steps, then of ASCII. Not for the sfm mapping.
@@ -358,7 +428,7 @@ ConversionResult convert(Conversion<From, To> &job, bool terminated, bool sfm)
         if (!sfm) {
             take_runs(job);
         }
-        const From *const stop = job.source + std::min(job.left(), run_size);
+        const From *const stop = job.source + std::min(job.left(), plain_piece);
         const ConversionResult result = convert_characters(job, stop, terminated, sfm);
         if (result != conversionOK) {
             return result;
@@ -490,20 +560,33 @@ bool change_run(const CaseMap &map, UTF8 *at)
     return true;
 }
 
+// The two-byte sequence at `at` as a place in a direct table; past the table for any other bytes.
+// Reads the second byte, so the first must not be a terminator.
+constexpr unsigned two_byte_outside = 0xE0C0; // bits of a place past the table
+
+unsigned two_byte_place(const UTF8 *at)
+{
+    uint16_t bytes;
+    memcpy(&bytes, at, sizeof bytes);
+    return __builtin_bswap16(bytes) ^ koutil::two_byte_marks;
+}
+
 // Changes the sequence of `length` bytes at `at`.
 void change_sequence(const CaseMap &map, UTF8 *at, size_t length)
 {
-    if (length > 3) {
-        return;
-    }
-    UTF32 key = 0;
-    for (size_t i = 0; i < length; ++i) {
-        key = key << 8 | at[i];
-    }
-    UTF32 value = mapped_sequence(map, key, length);
-    if (value != key) {
-        for (size_t i = length; i-- > 0; value >>= 8) {
-            at[i] = static_cast<UTF8>(value);
+    if (length == 2) {
+        const unsigned place = two_byte_place(at);
+        if ((place & two_byte_outside) == 0) {
+            at[0] = static_cast<UTF8>(map.two_bytes.mapped[place] >> 8);
+            at[1] = static_cast<UTF8>(map.two_bytes.mapped[place]);
+        }
+    } else if (length == 3) {
+        const UTF32 key = UTF32{at[0]} << 16 | UTF32{at[1]} << 8 | at[2];
+        const UTF32 value = mapped_sequence(map, key, length);
+        if (value != key) {
+            at[0] = static_cast<UTF8>(value >> 16);
+            at[1] = static_cast<UTF8>(value >> 8);
+            at[2] = static_cast<UTF8>(value);
         }
     }
 }
@@ -511,13 +594,17 @@ void change_sequence(const CaseMap &map, UTF8 *at, size_t length)
 void change_case(const CaseMap &map, UTF8 *source)
 {
     UTF8 *at = source;
+    const UTF8 *next_run = source;
     UTF8 *const end = source + strlen(reinterpret_cast<const char *>(source));
     while (at != end) {
         const size_t left = static_cast<size_t>(end - at);
         if (*at < 0x80) {
-            if (left >= run_size && change_run(map, at)) {
-                at += run_size;
-                continue;
+            if (left >= run_size && at >= next_run) {
+                if (change_run(map, at)) {
+                    at += run_size;
+                    continue;
+                }
+                next_run = at + run_size; // past what stands in the way
             }
             if (*at >= map.first && *at <= map.last) {
                 *at ^= case_bit;
@@ -696,15 +783,6 @@ __attribute__((always_inline)) inline bool skip_equal(Walk &walk)
     return false;
 }
 
-// The two-byte sequence at `at` as a place in a direct table; past the table for any other bytes.
-// Reads the second byte, so the first must not be a terminator.
-unsigned two_byte_place(const UTF8 *at)
-{
-    uint16_t bytes;
-    memcpy(&bytes, at, sizeof bytes);
-    return __builtin_bswap16(bytes) ^ koutil::two_byte_marks;
-}
-
 // Moves the walk over two-byte sequences of equal characters.
 template <bool counted>
 __attribute__((always_inline)) inline void skip_two_bytes(Walk &walk)
@@ -713,7 +791,7 @@ __attribute__((always_inline)) inline void skip_two_bytes(Walk &walk)
     while ((!counted || at.left >= 2) && (*at.s1 & *at.s2) >= 0xC0) {
         const unsigned place1 = two_byte_place(at.s1);
         const unsigned place2 = two_byte_place(at.s2);
-        if (((place1 | place2) & 0xE0C0) != 0 ||
+        if (((place1 | place2) & two_byte_outside) != 0 ||
             lower_two_bytes.mapped[place1] != lower_two_bytes.mapped[place2]) {
             break;
         }
