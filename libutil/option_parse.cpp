@@ -98,17 +98,31 @@ struct Syntax {
 
 enum class Match { none, flag, value, value_missing };
 
-// Finds the first row for a word, which includes its "=".
-Match find_row(const Option *syntax, string_view word, const Option **found)
+// Whether `text` begins with `name`, ignoring case.
+bool begins_with(const char *text, string_view name)
+{
+    size_t i = 0;
+    while (i < name.size() && lower(text[i]) == lower(name[i])) {
+        ++i; // a text that ends differs there, for a name holds no zero
+    }
+    return i == name.size();
+}
+
+// Finds the first row for a name, which the input gives a value or not.
+Match find_row(const Option *syntax, string_view name, bool with_value, const Option **found)
 {
     for (const Option *row = syntax; row->m_name != nullptr; ++row) {
-        const Syntax row_syntax(*row);
-        *found = row;
-        if (equal_ignoring_case(row_syntax.key(), word)) {
-            return row_syntax.has_value ? Match::value : Match::flag;
+        const char *const behind = row->m_name + name.size();
+        if (!begins_with(row->m_name, name) || (*behind != '\0' && *behind != '=')) {
+            continue;
         }
-        if (row_syntax.has_value && equal_ignoring_case(row_syntax.name, word)) {
-            return row_syntax.letter() == 'b' ? Match::flag : Match::value_missing;
+        *found = row;
+        const bool takes_value = *behind == '=';
+        if (takes_value == with_value) {
+            return with_value ? Match::value : Match::flag;
+        }
+        if (takes_value) {
+            return Syntax(*row).letter() == 'b' ? Match::flag : Match::value_missing;
         }
     }
     return Match::none;
@@ -163,16 +177,15 @@ uint32_t take_interval(const Job &job, const Option &row, string_view name)
 
 uint32_t take_number(const Job &job, const Option &row, string_view name, bool with_unit)
 {
-    const string_view value = up_to(*job.options, ",=");
-    if (with_unit) {
-        char *reason = nullptr;
-        if (parse_number(job.options, job.int_value, &reason) == 0) {
-            return fail(job, "Unrecognized number (%s) in '%.*s=%.*s'\n", reason, precision(name),
-                        name.data(), precision(value), value.data());
-        }
-    } else if (parse_decimal(job.options, job.int_value) == 0) {
-        return fail(job, "Unrecognized decimal value in '%.*s=%.*s'\n", precision(name),
-                    name.data(), precision(value), value.data());
+    char *reason = nullptr;
+    const bool taken = with_unit ? parse_number(job.options, job.int_value, &reason) != 0
+                                 : parse_decimal(job.options, job.int_value) != 0;
+    if (!taken) {
+        const string_view value = up_to(*job.options, ",=");
+        return with_unit ? fail(job, "Unrecognized number (%s) in '%.*s=%.*s'\n", reason,
+                                precision(name), name.data(), precision(value), value.data())
+                         : fail(job, "Unrecognized decimal value in '%.*s=%.*s'\n", precision(name),
+                                name.data(), precision(value), value.data());
     }
     if (!in_range(row, *job.int_value)) {
         return fail(job, "Parameter '%.*s' (%ld) out of range, min %ld max %ld\n", precision(name),
@@ -350,19 +363,19 @@ uint32_t parse_option(char **options, Option *syntax, uint64_t *int_value, char 
         return OPTION_END;
     }
     const string_view name = up_to(start, ",=\r\n");
-    const string_view word(start, name.size() + (start[name.size()] == '=' ? 1 : 0));
-    const string_view shown = up_to(start, ",");
+    const bool with_value = start[name.size()] == '=';
+    const size_t taken = name.size() + (with_value ? 1 : 0);
 
     const Option *row = nullptr;
-    const Match match = find_row(syntax, word, &row);
+    const Match match = find_row(syntax, name, with_value, &row);
     if (match == Match::value_missing) {
-        *options += word.size();
-        return fail(job, "Value missing for option '%.*s'\n", precision(shown), shown.data());
+        *options += taken;
+        return fail(job, "Value missing for option '%.*s'\n", precision(up_to(start, ",")), start);
     }
     if (match == Match::none || row->m_option == OPTION_ERROR) {
-        return fail(job, "Unrecognized option: '%.*s'\n", precision(shown), shown.data());
+        return fail(job, "Unrecognized option: '%.*s'\n", precision(up_to(start, ",")), start);
     }
-    *options += word.size();
+    *options += taken;
     if (match == Match::flag) {
         *int_value = 1;
         return row->m_option;

@@ -43,8 +43,8 @@ constexpr SfmTable make_sfm_table(bool inside)
             static_cast<UTF16>(sfm_special + i);
     }
     if (inside) {
-        table.unit[' '] = ' ';
-        table.unit['.'] = '.';
+        table.unit[0x20] = 0x20;
+        table.unit[0x2E] = 0x2E;
     }
     return table;
 }
