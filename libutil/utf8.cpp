@@ -532,7 +532,7 @@ constexpr UTF8 ascii_lower(UTF8 byte)
 // The counterpart of a packed sequence of `length` bytes, well-formed or not.
 inline UTF32 mapped_sequence(const CaseMap &map, UTF32 key, size_t length)
 {
-    if (length == 2 && (key & 0xE0C0) == 0xC080) {
+    if (length == 2 && ((key ^ koutil::two_byte_marks) & koutil::two_byte_outside) == 0) {
         return map.two_bytes.mapped[key ^ koutil::two_byte_marks];
     }
     if (length == 3) {
@@ -562,8 +562,6 @@ bool change_run(const CaseMap &map, UTF8 *at)
 
 // The two-byte sequence at `at` as a place in a direct table; past the table for any other bytes.
 // Reads the second byte, so the first must not be a terminator.
-constexpr unsigned two_byte_outside = 0xE0C0; // bits of a place past the table
-
 unsigned two_byte_place(const UTF8 *at)
 {
     uint16_t bytes;
@@ -576,7 +574,7 @@ void change_sequence(const CaseMap &map, UTF8 *at, size_t length)
 {
     if (length == 2) {
         const unsigned place = two_byte_place(at);
-        if ((place & two_byte_outside) == 0) {
+        if ((place & koutil::two_byte_outside) == 0) {
             at[0] = static_cast<UTF8>(map.two_bytes.mapped[place] >> 8);
             at[1] = static_cast<UTF8>(map.two_bytes.mapped[place]);
         }
@@ -791,7 +789,7 @@ __attribute__((always_inline)) inline void skip_two_bytes(Walk &walk)
     while ((!counted || at.left >= 2) && (*at.s1 & *at.s2) >= 0xC0) {
         const unsigned place1 = two_byte_place(at.s1);
         const unsigned place2 = two_byte_place(at.s2);
-        if (((place1 | place2) & two_byte_outside) != 0 ||
+        if (((place1 | place2) & koutil::two_byte_outside) != 0 ||
             lower_two_bytes.mapped[place1] != lower_two_bytes.mapped[place2]) {
             break;
         }

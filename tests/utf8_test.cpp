@@ -59,9 +59,9 @@ int trailing(UTF8 lead)
                          : 5;
 }
 
-bool legal(const Bytes &s, size_t at, size_t length)
+bool legal(const UTF8 *s, size_t left, size_t length)
 {
-    const auto byte = [&](size_t i) { return at + i < s.size() ? s[at + i] : UTF8{0}; };
+    const auto byte = [&](size_t i) { return i < left ? s[i] : UTF8{0}; };
     const auto tail = [&](size_t i) { return byte(i) >= 0x80 && byte(i) <= 0xBF; };
     const UTF8 lead = byte(0);
     if (length > 4 || (length == 4 && !tail(3)) || (length >= 3 && !tail(2)) ||
@@ -72,53 +72,62 @@ bool legal(const Bytes &s, size_t at, size_t length)
     return !(lead >= 0x80 && lead <= 0xC1) && lead <= 0xF4;
 }
 
-// The plain rules. A terminated source is given without its terminator.
+// The plain rules. A terminated source is given without its terminator. Moves *source and *target
+// as the conversion does.
+ConversionResult plain_decode(const UTF8 **source, const UTF8 *end, UTF16 **target,
+                              const UTF16 *target_end, unsigned flags, bool terminated)
+{
+    const auto size = end - *source;
+    const bool dots = size > 0 && size <= 2 && memcmp(*source, "..", size_t(size)) == 0;
+    for (; *source < end; ++*source) {
+        const UTF8 *s = *source;
+        const int extra = trailing(*s);
+        if (!terminated && extra >= end - s) {
+            return sourceExhausted;
+        }
+        if (!legal(s, size_t(end - s), size_t(extra) + 1)) {
+            return sourceIllegal;
+        }
+        UTF32 ch = extra == 0 ? *s : *s & (0x3Fu >> extra);
+        for (int i = 1; i <= extra; ++i) {
+            ch = ch << 6 | (s[i] & 0x3Fu);
+        }
+        if (*target == target_end) {
+            return targetExhausted;
+        }
+        if (ch > 0xFFFF) {
+            if (target_end - *target < 2) {
+                return targetExhausted;
+            }
+            *(*target)++ = static_cast<UTF16>(0xD800 + ((ch - 0x10000) >> 10));
+            ch = 0xDC00 + ((ch - 0x10000) & 0x3FF);
+        } else if ((flags & strictConversion) != 0 && ch >= 0xD800 && ch <= 0xDFFF) {
+            return sourceIllegal;
+        } else if ((flags & sfmConversion) != 0 && ch < 0x80) {
+            const bool last = !terminated && s + 1 == end && !dots;
+            ch = (ch == ' ' || ch == '.') && !last ? ch : sfm_A2U[ch];
+        }
+        *(*target)++ = static_cast<UTF16>(ch);
+        *source += extra;
+    }
+    if (terminated) {
+        if (*target == target_end) {
+            return targetExhausted;
+        }
+        ++*source;
+        *(*target)++ = 0;
+    }
+    return conversionOK;
+}
+
 Outcome<UTF16> plain_decode(const Bytes &s, size_t room, unsigned flags, bool terminated)
 {
     Outcome<UTF16> out = {conversionOK, 0, 0, Units(room, background)};
-    const auto stop = [&](ConversionResult result) {
-        out.result = result;
-        return out;
-    };
-    const bool dots = s == bytes(".") || s == bytes("..");
-    while (out.consumed < s.size()) {
-        const size_t at = out.consumed;
-        const size_t extra = static_cast<size_t>(trailing(s[at]));
-        if (!terminated && at + extra >= s.size()) {
-            return stop(sourceExhausted);
-        }
-        if (!legal(s, at, extra + 1)) {
-            return stop(sourceIllegal);
-        }
-        UTF32 ch = extra == 0 ? s[at] : s[at] & (0x3Fu >> extra);
-        for (size_t i = 1; i <= extra; ++i) {
-            ch = ch << 6 | (s[at + i] & 0x3Fu);
-        }
-        if (out.produced == room) {
-            return stop(targetExhausted);
-        }
-        if (ch > 0xFFFF) {
-            if (room - out.produced < 2) {
-                return stop(targetExhausted);
-            }
-            out.target[out.produced++] = static_cast<UTF16>(0xD800 + ((ch - 0x10000) >> 10));
-            ch = 0xDC00 + ((ch - 0x10000) & 0x3FF);
-        } else if ((flags & strictConversion) != 0 && ch >= 0xD800 && ch <= 0xDFFF) {
-            return stop(sourceIllegal);
-        } else if ((flags & sfmConversion) != 0 && ch < 0x80) {
-            const bool last = !terminated && at + 1 == s.size() && !dots;
-            ch = (ch == ' ' || ch == '.') && !last ? ch : sfm_A2U[ch];
-        }
-        out.target[out.produced++] = static_cast<UTF16>(ch);
-        out.consumed += extra + 1;
-    }
-    if (terminated) {
-        if (out.produced == room) {
-            return stop(targetExhausted);
-        }
-        ++out.consumed;
-        out.target[out.produced++] = 0;
-    }
+    const UTF8 *from = s.data();
+    UTF16 *to = out.target.data();
+    out.result = plain_decode(&from, from + s.size(), &to, to + room, flags, terminated);
+    out.consumed = static_cast<size_t>(from - s.data());
+    out.produced = static_cast<size_t>(to - out.target.data());
     return out;
 }
 
@@ -304,26 +313,33 @@ TEST(Utf8, EveryCodePointThereAndBack)
     }
 }
 
-TEST(Utf8, EverySequenceOfThreeBytesInsideAText)
+TEST(Utf8, EverySequenceOfThreeBytesAloneAndInsideAText)
 {
-    const Bytes thirds = bytes(std::string("A\x7F\x80\x8F\x90\x9F\xA0\xBF\xC2\xE1\xF0\xFF", 12));
-    unsigned step = 0;
-    for (unsigned first = 0x70; first < 256; ++first) {
-        for (unsigned second = 1; second < 256; ++second) {
-            for (UTF8 third : thirds) {
-                if (++step % slowness != 0) {
-                    continue;
-                }
-                const Bytes sequence = {static_cast<UTF8>(first), static_cast<UTF8>(second), third};
-                check_decode(sequence, 4, step & 1, (step & 2) != 0);
-                Bytes text(20 + step % 13, 'x');
-                text.insert(text.end(), sequence.begin(), sequence.end());
-                text.insert(text.end(), 60, 'y');
-                check_decode(text, 200, step & 1, false);
-                EXPECT_EQ(isLegalUTF8Sequence(sequence.data(), sequence.data() + 3),
-                          legal(sequence, 0, 1 + size_t(trailing(sequence[0]))) &&
-                              trailing(sequence[0]) < 3);
-            }
+    const auto same = [](const UTF8 *s, size_t size, unsigned flags) {
+        UTF16 target[64];
+        UTF16 expected[64];
+        const UTF8 *from = s;
+        const UTF8 *expected_from = s;
+        UTF16 *to = target;
+        UTF16 *expected_to = expected;
+        return ConvertUTF8toUTF16(&from, s + size, &to, target + 64, flags) ==
+                   plain_decode(&expected_from, s + size, &expected_to, expected + 64, flags,
+                                false) &&
+               from == expected_from && std::equal(target, to, expected, expected_to);
+    };
+    UTF8 text[40];
+    for (unsigned value = 0; value < 1u << 24; value += slowness) {
+        const UTF8 s[3] = {static_cast<UTF8>(value >> 16), static_cast<UTF8>(value >> 8),
+                           static_cast<UTF8>(value)};
+        const unsigned flags = value >> 4 & 3;
+        const size_t length = static_cast<size_t>(trailing(s[0])) + 1;
+        ASSERT_TRUE(same(s, 3, flags)) << value;
+        ASSERT_EQ(isLegalUTF8Sequence(s, s + 3), length <= 3 && legal(s, 3, length)) << value;
+        if (s[0] >= 0x80 && value / 3 % 4 == 0) { // wide steps see it at any place of a block
+            const size_t place = value / 12 % 35;
+            memset(text, 'x', sizeof text);
+            memcpy(text + place, s, sizeof s);
+            ASSERT_TRUE(same(text, sizeof text, flags & 1)) << value;
         }
     }
 }

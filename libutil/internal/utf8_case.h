@@ -136,6 +136,7 @@ constexpr bool is_complete(const CaseTable &table, bool to_lower)
 // its marks, 0xC080; three quarters of the places stand for none and stay empty, so that a place is
 // found in one step.
 constexpr unsigned two_byte_marks = 0xC080;
+constexpr unsigned two_byte_outside = 0xE0C0; // bits of a place of other bytes
 
 struct TwoByteTable {
     uint16_t mapped[0x2000];
