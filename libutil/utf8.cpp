@@ -725,14 +725,46 @@ unsigned ascii_stops(__m128i a, __m128i b)
     return bits_of(_mm_and_si128(same, ascii)) ^ 0xFFFFu;
 }
 
+enum Peeking { peeking_unknown, peeking_refused, peeking_allowed };
+
+// Decided at the first comparison; threads that race decide alike.
+constinit std::atomic<int> peeking{peeking_unknown};
+
+// Asks valgrind, which takes this sequence of instructions as a question; to a processor they do
+// nothing, and the answer stays as it was.
+bool runs_under_valgrind()
+{
+    const volatile uint64_t question[6] = {0x1001, 0, 0, 0, 0, 0};
+    uint64_t answer = 0;
+    __asm__ volatile("rolq $3, %%rdi; rolq $13, %%rdi; rolq $61, %%rdi; rolq $51, %%rdi\n\t"
+                     "xchgq %%rbx, %%rbx"
+                     : "+d"(answer)
+                     : "a"(question)
+                     : "cc", "memory");
+    return answer != 0;
+}
+
+__attribute__((noinline, cold)) bool decide_peeking()
+{
+    const bool allowed = !runs_under_valgrind();
+    peeking.store(allowed ? peeking_allowed : peeking_refused, std::memory_order_relaxed);
+    return allowed;
+}
+
+inline bool is_peeking_allowed()
+{
+    const int known = peeking.load(std::memory_order_relaxed);
+    return may_peek && (known == peeking_allowed || (known == peeking_unknown && decide_peeking()));
+}
+
 // How many bytes can be loaded from both places although a terminator may stand among them: what
-// follows it in the same page can be read without harm, but the sanitizers object.
-size_t can_peek(const UTF8 *s1, const UTF8 *s2)
+// follows it in the same page can be read without harm, but the sanitizers and valgrind object.
+inline size_t can_peek(const UTF8 *s1, const UTF8 *s2)
 {
     constexpr uintptr_t page = 4096;
     const uintptr_t place = std::max(reinterpret_cast<uintptr_t>(s1) & (page - 1),
                                      reinterpret_cast<uintptr_t>(s2) & (page - 1));
-    return may_peek ? page - place : 0;
+    return is_peeking_allowed() ? page - place : 0;
 }
 
 // Moves the walk over equal bytes, and at first over ASCII letters of either case. True when both
