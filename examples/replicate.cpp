@@ -59,12 +59,12 @@ class Descriptor
         : fd_(fd)
     {
     }
-    Descriptor(Descriptor &&other)
+    Descriptor(Descriptor &&other) noexcept
         : fd_(other.fd_)
     {
         other.fd_ = -1;
     }
-    Descriptor &operator=(Descriptor &&other)
+    Descriptor &operator=(Descriptor &&other) noexcept
     {
         std::swap(fd_, other.fd_);
         return *this;

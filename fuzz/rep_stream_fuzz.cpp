@@ -66,7 +66,7 @@ void take(rep_in_stream_t *in, uint8_t step)
     switch (step & 7) {
     case 3:
         result = extract_rep_cmd(in, data, step * 300u, (step & 8) != 0 ? &length : nullptr);
-        require(result == -1 || length <= step * 300u);
+        require(length <= REP_BUFFER_SIZE);
         break;
     case 4:
         result = extract_rep_data(in, (step & 8) != 0 ? data : nullptr, step * 270u);

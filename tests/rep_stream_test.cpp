@@ -33,7 +33,7 @@ void record_log(int level, char *format, ...)
     va_start(args, format);
     vsnprintf(text, sizeof text, format, args);
     va_end(args);
-    logged += std::to_string(level) + ":" + text;
+    logged.append(1, static_cast<char>('0' + level)).append(":").append(text); // no allocation
 }
 
 // What send(2) does: it takes at most `cap` bytes a call, and fails once `left` bytes have gone.
@@ -64,6 +64,26 @@ extern "C" ssize_t send(int fd, const void *data, size_t length, int flags)
     return rules.deliver ? syscall(SYS_sendto, fd, data, taken, flags, nullptr, 0)
                          : static_cast<ssize_t>(taken);
 }
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define CAN_FAIL_MEMORY 0
+#else
+#define CAN_FAIL_MEMORY 1
+namespace
+{
+bool out_of_memory = false;
+}
+extern "C" void *__libc_malloc(size_t);
+extern "C" void *__libc_calloc(size_t, size_t);
+extern "C" void *malloc(size_t size) noexcept
+{
+    return out_of_memory ? nullptr : __libc_malloc(size);
+}
+extern "C" void *calloc(size_t count, size_t size) noexcept
+{
+    return out_of_memory ? nullptr : __libc_calloc(count, size);
+}
+#endif
 
 namespace
 {
@@ -554,24 +574,36 @@ TEST_F(RepStream, TheBackingFileGetsWhatTheSocketTakes)
 
 TEST_F(RepStream, AFailedSendKeepsTheBufferForARetry)
 {
-    connect(false);
-    start_recording();
     const std::string data = random_bytes(200000);
-    // 10 bytes into the second full buffer of an object that leaves from the caller's memory
-    rules = {SIZE_MAX, REP_BUFFER_SIZE + 10, true, {}};
-    int size = 1 << 20;
-    setsockopt(out->rep_sock, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-    EXPECT_EQ(send_to_stream(out, data.data(), 200000), -1);
-    EXPECT_EQ(logged, "3:Failed to send data. Broken pipe\n");
-    EXPECT_EQ(out->rep_stream_offset, REP_BUFFER_SIZE + 10u);
-    EXPECT_EQ(out->rep_buffer.rep_used, 65536u);
-    EXPECT_EQ(memcmp(out->rep_buffer.rep_data, data.data() + REP_BUFFER_SIZE, REP_BUFFER_SIZE), 0);
-    EXPECT_EQ(recorded(), data.substr(0, REP_BUFFER_SIZE + 10));
-    EXPECT_EQ(send_to_stream(out, data.data(), 0), -1) << "a full buffer is flushed first";
-    EXPECT_EQ(send_rep_command_sync(out, 1, nullptr, 0), -1);
-    rules.left = SIZE_MAX;
-    EXPECT_EQ(flush_rep_stream(out), 0);
-    EXPECT_EQ(out->rep_stream_offset, 2 * REP_BUFFER_SIZE + 10u);
+    for (bool backed : {true, false}) {
+        logged.clear();
+        out->rep_stream_offset = 0;
+        connect(false);
+        if (backed) {
+            start_recording();
+        }
+        int size = 1 << 20;
+        setsockopt(out->rep_sock, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+        // 10 bytes into the second full buffer of an object that leaves from the caller's memory
+        rules = {SIZE_MAX, REP_BUFFER_SIZE + 10, true, {}};
+        EXPECT_EQ(send_to_stream(out, data.data(), 200000), -1);
+        EXPECT_EQ(logged, "3:Failed to send data. Broken pipe\n");
+        EXPECT_EQ(out->rep_stream_offset, REP_BUFFER_SIZE + 10u);
+        EXPECT_EQ(out->rep_buffer.rep_used, 65536u);
+        EXPECT_EQ(memcmp(out->rep_buffer.rep_data, data.data() + REP_BUFFER_SIZE, REP_BUFFER_SIZE),
+                  0);
+        EXPECT_EQ(recorded(), data.substr(0, REP_BUFFER_SIZE + 10));
+        EXPECT_EQ(send_to_stream(out, data.data(), 0), -1) << "a full buffer is flushed first";
+        EXPECT_EQ(send_rep_command_sync(out, 1, nullptr, 0), -1);
+        rules.left = SIZE_MAX;
+        EXPECT_EQ(flush_rep_stream(out), 0);
+        EXPECT_EQ(out->rep_stream_offset, 2 * REP_BUFFER_SIZE + 10u);
+        if (backed) {
+            EXPECT_EQ(recorded().size(), out->rep_stream_offset);
+            ASSERT_EQ(truncate((dir / "stream").c_str(), REP_BUFFER_SIZE + 10), 0);
+        }
+        close_rep_stream(out, 0);
+    }
 }
 
 TEST_F(RepStream, BackingFileFailuresAreToldApartFromShortWrites)
@@ -658,6 +690,34 @@ TEST_F(RepStream, RefusesWhatCannotBeSent)
     EXPECT_EQ(send_sd_mapping(out, 1, nullptr, 0), 0);
     EXPECT_EQ(out->rep_buffer.rep_used, 20u);
 }
+
+#if CAN_FAIL_MEMORY
+TEST_F(RepStream, RunningOutOfMemoryIsAStatus)
+{
+    const auto without_memory = [](const auto &call) {
+        out_of_memory = true;
+        const auto result = call();
+        out_of_memory = false;
+        return result;
+    };
+    logged.reserve(4096);
+    EXPECT_EQ(without_memory([] { return create_rep_out_stream(); }), nullptr);
+    EXPECT_EQ(without_memory([] { return create_rep_in_stream(1); }), nullptr);
+    EXPECT_EQ(without_memory([&] { return send_sd_mapping(out, 1, bytes_of("12345"), 5); }), -2);
+    out->rep_buffer.rep_used = REP_BUFFER_SIZE - 8;
+    EXPECT_EQ(without_memory([&] { return send_rep_command(out, nullptr, 1, bytes_of("1"), 1); }),
+              -1);
+    EXPECT_EQ(out->rep_buffer.rep_used, REP_BUFFER_SIZE - 8u);
+    deliver(from_hex("BAADDEED 0014 0000 0000000000000007 00000001 31000000"));
+    uint64_t key = 0;
+    uint8_t *data = nullptr;
+    uint32_t length = REP_MAX_SD_LEN;
+    EXPECT_EQ(without_memory([&] { return extract_rep_sd_mapping(in, &key, &data, &length); }), -2);
+    EXPECT_EQ(logged, "3:Cannot allocate 28 bytes for rep_sd_mapping. \n"
+                      "3:Memory allocation for sending rep command.\n"
+                      "3:Cannot allocate space for SD data from replication stream\n");
+}
+#endif
 
 TEST_F(RepStream, TheLastReferenceEndsTheStream)
 {
