@@ -110,7 +110,7 @@ class Fsmd : public ::testing::Test
         std::filesystem::create_directories(dir_ / "config");
         support::write_file(dir_ / "config/fsmlist", "data1 . 5\nhome\n");
         support::write_file(dir_ / "config/fsports", "minport 23000\nmaxport 23999\n");
-        support::write_file(dir_ / "config/vars", "FSMD_PATIENCE=1\n");
+        support::write_file(dir_ / "config/vars", "FSMD_PATIENCE=3\n");
     }
     ~Fsmd() override
     {
@@ -301,7 +301,7 @@ TEST_F(Fsmd, AnswersRightlyUnderLoadAndAbuse)
         EXPECT_EQ(client.ask("LIST"), "data1 7\nhome 0\nmedia 2\n");
         EXPECT_NE(client.ask("STATS").find("\nbad_requests 11\n"), std::string::npos);
     }
-    EXPECT_TRUE(within_seconds(10, [&] { return descriptors() == idle_descriptors; }));
+    EXPECT_TRUE(within_seconds(10, [&] { return descriptors() <= idle_descriptors; }));
     kill(daemon_, SIGTERM); // the watcher would not end if the daemon ended badly
     expect_gone();
 
