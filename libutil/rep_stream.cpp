@@ -1281,7 +1281,7 @@ void fill(rep_in_stream_t *stream, uint32_t needed)
 enum class Exact { fills, stays };
 
 // Makes `length` bytes ready. Returns false, and has consumed nothing, when fewer arrive.
-bool make_ready(rep_in_stream_t *stream, uint32_t length, Exact exact = Exact::fills)
+inline bool make_ready(rep_in_stream_t *stream, uint32_t length, Exact exact = Exact::fills)
 {
     const uint32_t have = buffered(stream);
     if (have > length || (exact == Exact::stays && have == length)) {
@@ -1335,6 +1335,21 @@ int take_name(rep_in_stream_t *stream, uint32_t magic, uint32_t length, char *fi
     memcpy(filename, consume(stream, padded(length)), length);
     filename[length] = '\0';
     return static_cast<int>(length);
+}
+
+// Takes a file record of either form and its name.
+template <typename Layout>
+int take_file(rep_in_stream_t *stream, void *record, char *filename, uint32_t room)
+{
+    constexpr uint32_t fixed = sizeof(typename Layout::Record);
+    if (!make_ready(stream, fixed)) {
+        return -1;
+    }
+    const uint8_t *wire = consume(stream, fixed);
+    rep_cmd_t start; // a file record begins like a command: magic, type, length of what follows
+    load<CmdLayout>(&start, wire);
+    load<Layout>(record, wire);
+    return take_name(stream, start.rep_magic, start.rep_cmdlen, filename, room);
 }
 
 int take_header(rep_in_stream_t *stream, rep_header_t *header, Exact exact)
@@ -1478,29 +1493,25 @@ int extract_rep_header_sync(rep_in_stream_t *stream, rep_header_t *header)
 
 int extract_rep_file(rep_in_stream_t *stream, rep_file_t *file, char *filename, uint32_t namelen)
 {
-    return _extract_rep_file(stream, file, REP_FILE_LEN, filename, namelen);
+    return take_file<FileLayout>(stream, file, filename, namelen);
 }
 
 int extract_file_info(rep_in_stream_t *stream, file_info_t *file, char *filename, uint32_t namelen)
 {
-    return _extract_rep_file(stream, file, REP_FILE_INFO_LEN, filename, namelen);
+    return take_file<FileInfoLayout>(stream, file, filename, namelen);
 }
 
 int _extract_rep_file(rep_in_stream_t *stream, void *buff, uint32_t size, char *filename,
                       uint32_t namelen)
 {
-    if ((size != REP_FILE_LEN && size != REP_FILE_INFO_LEN) || !make_ready(stream, size)) {
+    switch (size) {
+    case REP_FILE_LEN:
+        return take_file<FileLayout>(stream, buff, filename, namelen);
+    case REP_FILE_INFO_LEN:
+        return take_file<FileInfoLayout>(stream, buff, filename, namelen);
+    default:
         return -1;
     }
-    const uint8_t *wire = consume(stream, size);
-    rep_cmd_t start; // a file record begins like a command: magic, type, length of what follows
-    load<CmdLayout>(&start, wire);
-    if (size == REP_FILE_LEN) {
-        load<FileLayout>(buff, wire);
-    } else {
-        load<FileInfoLayout>(buff, wire);
-    }
-    return take_name(stream, start.rep_magic, start.rep_cmdlen, filename, namelen);
 }
 
 int extract_rep_ns_file(rep_in_stream_t *stream, rep_ns_file_t *file, char *filename,
