@@ -61,6 +61,7 @@
 #include "koutil/voras.h"
 
 /* Services: files, log file, text, containers, queues. */
+#include "koutil/cache.h"
 #include "koutil/getroot.h"
 #include "koutil/hash_table.h"
 #include "koutil/ko_mmap.h"
