@@ -4,7 +4,7 @@
 // Shows how a daemon uses the library: a watcher that keeps it running, the start-up calls in their
 // order, the install roots, a rotating log with debug flags, the FSM list and global variables that
 // SIGHUP reads again, the port range, a pair of listeners on one port, a poll loop, work items in
-// message blocks with priorities and an idle routine, rates, service events for
+// message blocks with priorities and an idle routine, the buffer cache, rates, service events for
 // each client, and an orderly stop on SIGTERM.
 //
 //     fsmd [-o OPTIONS] FSNAME          fsmd --help
@@ -55,21 +55,24 @@ struct Settings {
     std::string file_system;
     int workers = 2;
     int blocks = 1024; // of the file system
+    int cached = 256;  // of them, in memory
     int log_size = 1 << 20;
     int log_files = 3;
     std::string debug_flags;
 };
 
-// The code of an option is its place in the members below; 5 is the debug flags.
-constexpr uint32_t set_debug = 5;
-constexpr int Settings::*numbers[set_debug] = {nullptr, &Settings::workers, &Settings::blocks,
-                                               &Settings::log_size, &Settings::log_files};
+// The code of an option is its place in the members below; 6 is the debug flags.
+constexpr uint32_t set_debug = 6;
+constexpr int Settings::*numbers[set_debug] = {
+    nullptr,           &Settings::workers,  &Settings::blocks,
+    &Settings::cached, &Settings::log_size, &Settings::log_files};
 Option option_table[] = {
     {"workers=%d", 1, 1, 64, "threads that answer requests", 0, KOOPT_INVALID, 0},
     {"blocks=%D", 2, 1, 1 << 20, "size of a new file system", 0, KOOPT_INVALID, 0},
-    {"logsize=%D", 3, 1024, 1 << 30, "bytes of a log file", 0, KOOPT_INVALID, 0},
-    {"logfiles=%d", 4, 1, 99, "older log files kept", 0, KOOPT_INVALID, 0},
-    {"debug=%s", set_debug, 0, 0, "\"connect,request\"", 0, KOOPT_INVALID, 0},
+    {"cached=%D", 3, 1, 1 << 20, "blocks held in memory", 0, KOOPT_INVALID, 0},
+    {"logsize=%D", 4, 1024, 1 << 30, "bytes of a log file", 0, KOOPT_INVALID, 0},
+    {"logfiles=%d", 5, 1, 99, "older log files kept", 0, KOOPT_INVALID, 0},
+    {"debug=%s", set_debug, 0, 0, "\"connect,request,cache\"", 0, KOOPT_INVALID, 0},
     {nullptr, 0, 0, 0, nullptr, 0, KOOPT_INVALID, 0}};
 
 int usage(const char *problem)
@@ -124,9 +127,10 @@ int parse_command_line(int argc, char **argv, Settings &settings)
 
 // ---- Log, events, clock ----------------------------------------------------------------------
 
-enum DebugFlag { debug_connect, debug_request };
+enum DebugFlag { debug_connect, debug_request, debug_cache };
 vornlog_legend_t debug_legend[] = {{debug_connect, "connect", "connections coming and going"},
                                    {debug_request, "request", "every request"},
+                                   {debug_cache, "cache", "every block read from disk"},
                                    {0, nullptr, nullptr}};
 
 bool debugging(DebugFlag flag)
@@ -210,15 +214,22 @@ struct Block {
     uint64_t hash_now() const { return XXH64(text, sizeof text, number); }
 };
 static_assert(sizeof(Block) == block_size);
+constexpr uint64_t no_block = UINT64_MAX; // the number in a buffer that holds none
 
-// The file system: a file of blocks.
+// The file system: a file of blocks behind a cache.
 class BlockStore
 {
   public:
-    ~BlockStore() { KovaClose(&file_); }
+    ~BlockStore()
+    {
+        if (cache_ != nullptr) {
+            cache_destroy(cache_);
+        }
+        KovaClose(&file_);
+    }
 
     // Opens the file and makes it first where there is none. Returns a status.
-    VoError_t open(const std::string &path, int blocks)
+    VoError_t open(const std::string &path, int blocks, int cached)
     {
         KovaStat_t stat;
         VoError_t status = KovaStat(path.c_str(), &stat);
@@ -231,6 +242,8 @@ class BlockStore
         }
         if (status == 0) {
             count_ = stat.KovaSz / block_size;
+            cache_ = cache_init(cached, this, sizeof(uint64_t), &callbacks);
+            status = cache_ != nullptr ? 0 : ENOMEM;
         }
         return status;
     }
@@ -239,13 +252,25 @@ class BlockStore
     // Appends block `number` to `out`; false when it cannot be read.
     bool read(uint64_t number, std::string &out)
     {
-        Block block;
-        if (!load(block, number)) {
-            Error_Output("block %llu cannot be read\n", static_cast<unsigned long long>(number));
+        cache_handle_t handle = cache_buffer_find(cache_, &number, nullptr, 0, 0);
+        if (handle == nullptr) {
             return false;
         }
-        out.append(reinterpret_cast<const char *>(&block), sizeof block);
+        out.append(static_cast<const char *>(static_cast<void *>(cache_data_ptr(handle))),
+                   block_size);
+        cache_buffer_unlock(cache_, handle, nullptr);
         return true;
+    }
+
+    std::string counters() const
+    {
+        pthread_mutex_lock(&cache_->c_lru_lock.mutex);
+        const int hits = cache_->c_cache_hit;
+        const int ghosts = cache_->c_ghost_hit;
+        const int misses = cache_->c_cache_miss;
+        pthread_mutex_unlock(&cache_->c_lru_lock.mutex);
+        return "cache_hits " + std::to_string(hits) + "\ncache_ghost_hits " +
+               std::to_string(ghosts) + "\ncache_misses " + std::to_string(misses) + "\n";
     }
 
   private:
@@ -299,10 +324,70 @@ class BlockStore
         return have == block_size && block.number == number && block.hash == block.hash_now();
     }
 
+    // Called at every look-up: a buffer that holds its block already stays as it is. A buffer may
+    // have held another block before.
+    int populate(Block *block, uint64_t number)
+    {
+        if (block == nullptr || block->number == number) {
+            return block == nullptr ? -1 : 0;
+        }
+        if (!load(*block, number)) {
+            block->number = no_block;
+            Error_Output("block %llu cannot be read\n", static_cast<unsigned long long>(number));
+            return -1;
+        }
+        if (debugging(debug_cache)) {
+            __vorn_debugfn(0, const_cast<char *>("read block %llu\n"),
+                           static_cast<unsigned long long>(number));
+        }
+        return 0;
+    }
+
+    static cache_buf_t *allocate()
+    {
+        auto *block = static_cast<Block *>(
+            AllocMemory(block_size, block_size, const_cast<char *>(__FILE__), __LINE__));
+        if (block != nullptr) {
+            block->number = no_block;
+        }
+        return block;
+    }
+
+    static uint64_t number_at(bufaddr_t addr)
+    {
+        uint64_t number;
+        memcpy(&number, addr, sizeof number);
+        return number;
+    }
+
+    static cache_fn_vec_t callbacks;
+
     KovaHndl_t *file_ = nullptr;
     std::mutex file_mutex_;
+    cache_t *cache_ = nullptr;
     uint64_t count_ = 0;
 };
+
+// The blocks are only read, so a buffer may always be given up.
+cache_fn_vec_t BlockStore::callbacks = {
+    [](bufaddr_t addr) -> uint64_t { return XXH64(addr, sizeof(uint64_t), 0); },
+    [](bufaddr_t a, bufaddr_t b) { return memcmp(a, b, sizeof(uint64_t)); },
+    [](void *, cache_buf_t *, bufaddr_t, int) { return 1; },
+    [](void *store, cache_buf_t *buffer, bufaddr_t addr, int) {
+        return static_cast<BlockStore *>(store)->populate(static_cast<Block *>(buffer),
+                                                          number_at(addr));
+    },
+    [](void *, cache_handle_t, bufaddr_t) { return allocate(); },
+    [](void *, cache_buf_t *buffer) {
+        if (buffer != nullptr) {
+            FreeMemory(buffer, const_cast<char *>(__FILE__), __LINE__);
+        }
+    },
+    [](void *, cache_buf_t *, cache_lock_t *lock) { pthread_mutex_lock(&lock->mutex); },
+    [](void *, cache_buf_t *, cache_lock_t *lock) {
+        return pthread_mutex_trylock(&lock->mutex) == 0 ? 1 : 0;
+    },
+    [](void *, cache_buf_t *, cache_lock_t *lock) { pthread_mutex_unlock(&lock->mutex); }};
 
 // ---- Connections -----------------------------------------------------------------------------
 
@@ -518,7 +603,7 @@ bool Daemon::open_everything()
 {
     KovaMkPath(GetVornDataDir());
     const std::string data = std::string(GetVornDataDir()) + "/" + settings_.file_system + ".img";
-    const VoError_t status = store_.open(data, settings_.blocks);
+    const VoError_t status = store_.open(data, settings_.blocks, settings_.cached);
     if (status != 0) {
         Error_Output("%s cannot be opened (%d)\n", data.c_str(), status);
         return false;
@@ -914,8 +999,8 @@ std::string Daemon::stats()
     return "requests " + std::to_string(requests_) + "\nbad_requests " +
            std::to_string(bad_requests_) + "\nrequests_per_second " +
            std::to_string(GetBucket(&request_rate_)) + "\nbytes_per_second " +
-           std::to_string(GetBucket(&byte_rate_)) + "\n" + "resident_mib " + std::to_string(rss) +
-           "\n";
+           std::to_string(GetBucket(&byte_rate_)) + "\n" + store_.counters() + "resident_mib " +
+           std::to_string(rss) + "\n";
 }
 
 // Whoever started the daemon must not wait for its descriptors.

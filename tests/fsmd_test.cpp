@@ -136,7 +136,7 @@ class Fsmd : public ::testing::Test
         if (pid == 0) {
             setenv("VORNROOT", dir_.path().c_str(), 1);
             execl(program.c_str(), "/some/where/fsmd", "-o",
-                  "blocks=64,logsize=16k,logfiles=99,debug=request", "data1", nullptr);
+                  "blocks=64,cached=16,logsize=16k,logfiles=99,debug=request", "data1", nullptr);
             _exit(99);
         }
         int status = -1;
