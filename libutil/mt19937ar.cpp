@@ -1,9 +1,9 @@
 // mt19937ar.cpp - the Mersenne Twister MT19937.
 //
-// The state is regenerated and tempered 624 words at a time, so that drawing a number is a load.
-// The new state is written behind the old one: word i + 624 depends on the words i, i + 1 and i +
-// 397, all of them well before it, and in this form the compiler does both loops in vector
-// registers.
+// The state is regenerated and tempered 624 words at a time, so that drawing a number is a load and
+// a step of the pointer to the next one. The new state is written behind the old one: word i + 624
+// depends on the words i, i + 1 and i + 397, all of them well before it, and in this form the
+// compiler does both loops in vector registers, as wide as the processor has them.
 #include "koutil/mt19937ar.h"
 
 #include <algorithm>
@@ -19,11 +19,11 @@ constexpr uint32_t kLowerMask = 0x7FFFFFFF;
 
 constexpr unsigned long kDefaultSeed = 5489;
 constexpr unsigned long kArraySeed = 19650218;
-constexpr int kUnseeded = kDegree + 1;
 
-uint32_t mt[2 * kDegree]; // the state; the second half is its successor while that is made
-int32_t mti = kUnseeded;  // next word of `tempered`; kDegree when all are used
-uint32_t tempered[kDegree];
+alignas(64) uint32_t mt[2 * kDegree]; // the state, and its successor while that is made
+alignas(64) uint32_t tempered[kDegree];
+const uint32_t *next_word = tempered + kDegree; // in `tempered`; its end when all are used
+bool seeded = false;
 
 constexpr uint32_t temper(uint32_t y)
 {
@@ -33,7 +33,7 @@ constexpr uint32_t temper(uint32_t y)
     return y ^ y >> 18;
 }
 
-void regenerate()
+[[gnu::always_inline]] inline void regenerate()
 {
     for (int i = 0; i < kDegree; i++) {
         const uint32_t y = (mt[i] & kUpperMask) | (mt[i + 1] & kLowerMask);
@@ -45,19 +45,35 @@ void regenerate()
     }
 }
 
-[[gnu::noinline]] void refill()
+[[gnu::target("avx2")]] void regenerate_wide()
 {
-    if (mti == kUnseeded)
-        init_genrand(kDefaultSeed);
     regenerate();
-    mti = 0;
+}
+
+// Makes the next 624 numbers and draws the first.
+[[gnu::noinline]] uint32_t refill_and_draw()
+{
+    if (!seeded) {
+        init_genrand(kDefaultSeed);
+    }
+    __builtin_cpu_init();
+    if (__builtin_cpu_supports("avx2")) {
+        regenerate_wide();
+    } else {
+        regenerate();
+    }
+    next_word = tempered + 1;
+    return tempered[0];
 }
 
 inline uint32_t draw()
 {
-    if (__builtin_expect(mti >= kDegree, 0))
-        refill();
-    return tempered[mti++];
+    const uint32_t *word = next_word;
+    if (__builtin_expect(word == tempered + kDegree, 0)) {
+        return refill_and_draw();
+    }
+    next_word = word + 1;
+    return *word;
 }
 
 constexpr uint32_t scrambled(uint32_t previous)
@@ -72,7 +88,8 @@ void init_genrand(unsigned long s)
     mt[0] = static_cast<uint32_t>(s);
     for (uint32_t i = 1; i < kDegree; i++)
         mt[i] = 1812433253U * scrambled(mt[i - 1]) + i;
-    mti = kDegree;
+    next_word = tempered + kDegree;
+    seeded = true;
 }
 
 void init_by_array(unsigned long init_key[], int key_length)
