@@ -13,65 +13,46 @@
 namespace
 {
 
-std::atomic<int> started;
-int fail_at;
-std::string error_text;
+struct Case {
+    int count, failing; // how many threads; the one that reports a failure
+    size_t text_size;   // of its error text
+    size_t more_stack;  // than there is: no thread can be created
+    int expected, expected_started, expected_text_size; // -1: nothing is logged
+    std::atomic<int> started{0};
+};
 std::string logged;
 
 void *start(void *arg)
 {
     auto *sync = static_cast<thread_sync_t *>(arg);
-    const bool in_order = sync->index == started++ && sync->context == &started &&
-                          std::string(sync->identity) == "disk" && sync->error[0] == '\0';
-    const bool fails = sync->index == fail_at;
-    kova_thread_sync(sync, in_order ? (fails ? 5 : 0) : 99, fails ? error_text.c_str() : nullptr);
+    auto *c = static_cast<Case *>(sync->context);
+    const std::string text(c->text_size, '%');
+    const bool fails = sync->index == c->failing;
+    const bool in_order = sync->index == c->started++ && sync->error[0] == '\0' &&
+                          std::string(sync->identity) == "disk";
+    kova_thread_sync(sync, !in_order ? 99 : fails ? 5 : 0, fails ? text.c_str() : nullptr);
     return nullptr;
-}
-
-int create(int count, int failing, const std::string &text = "")
-{
-    logged.clear();
-    started = 0;
-    fail_at = failing;
-    error_text = text;
-    WriteLog = [](int type, char *str) { logged += std::to_string(type) + str; };
-    return kova_thread_create(start, "worker", "disk", &started, count);
 }
 
 } // namespace
 
 TEST(ThreadSync, StartsThreadsOneAfterAnotherUntilOneFails)
 {
-    kova_thread_init();
-    const struct {
-        int count;
-        int failing;
-        std::string text;
-        int expected;
-        int expected_started;
-        std::string expected_log;
-    } cases[] = {
-        {20, -1, "", 0, 20, ""},
-        {3, 1, "no disk %s", 5, 2, "3Failed to start worker thread: no disk %s\n"},
-        {1, 0, std::string(300, 'x'), 5, 1,
-         "3Failed to start worker thread: " + std::string(255, 'x') + "\n"},
-        {0, -1, "", 0, 0, ""},
-        {-3, -1, "", 0, 0, ""},
-    };
-    for (const auto &c : cases) {
-        EXPECT_EQ(create(c.count, c.failing, c.text), c.expected);
-        EXPECT_EQ(started, c.expected_started);
-        EXPECT_EQ(logged, c.expected_log);
+    Case cases[] = {{20, -1, 0, 0, 0, 20, -1}, {3, 1, 20, 0, 5, 2, 20},
+                    {1, 0, 300, 0, 5, 1, 255}, {2, -1, 0, size_t{1} << 46, EAGAIN, 0, 0},
+                    {0, -1, 0, 0, 0, 0, -1},   {-3, -1, 0, 0, 0, 0, -1}};
+    WriteLog = [](int type, char *str) { logged += std::to_string(type) + str; };
+    for (auto &c : cases) {
+        logged.clear();
+        kova_thread_init();
+        pthread_attr_setstacksize(&Thread_create_attr, ThreadStackSize + c.more_stack);
+        EXPECT_EQ(kova_thread_create(start, "worker", "disk", &c, c.count), c.expected);
+        EXPECT_EQ(c.started, c.expected_started);
+        std::string expected;
+        if (c.expected_text_size >= 0) {
+            expected.assign(static_cast<size_t>(c.expected_text_size), '%');
+            expected = "3Failed to start worker thread: " + expected + "\n";
+        }
+        EXPECT_EQ(logged, expected);
     }
-}
-
-TEST(ThreadSync, ReportsAThreadThatCannotBeCreated)
-{
-    const pthread_attr_t saved = Thread_create_attr;
-    pthread_attr_setstacksize(&Thread_create_attr, size_t{1} << 46);
-    const int status = create(2, -1);
-    Thread_create_attr = saved;
-    EXPECT_TRUE(status == EAGAIN || status == ENOMEM) << status;
-    EXPECT_EQ(started, 0);
-    EXPECT_EQ(logged, "3Failed to start worker thread: \n");
 }

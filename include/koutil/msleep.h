@@ -53,7 +53,7 @@ KO_API int Msleep(int usec);
 KO_API void set_timespec(struct timespec *tsp, uint64_t nan_incr);
 
 /* Set `*tsp` to the deadline of attempt number `retries` of a wait that is tried again and again:
- * the wall clock plus `nan_incr` nanoseconds for attempts 0 and 1, plus `retries` times `nan_incr`
+ * the wall clock plus `nan_incr` nanoseconds up to attempt 1, plus `retries` times `nan_incr`
  * up to attempt 6, and plus exactly one second from attempt 7 on. */
 KO_API void set_timespec_cap(struct timespec *tsp, uint64_t nan_incr, int retries);
 
