@@ -3,18 +3,17 @@
 // Every record is on one of five lists. Lists 0 and 2 hold buffers, lists 1 and 3 remember the
 // addresses that were evicted from them, list 4 has the free records:
 //
-//                  miss                                    second use
-//          +--------------------> 0 recent ----------------------------------> 2 frequent <--+
-//          |                      |                                            |    (use:    |
-//          |                      | evict                                evict |   to head)  |
-//          |                      v                                            v             |
-//       4 free <---- drop ------- 1 ghosts --- hit: target up ----+            3 ghosts      |
-//          ^                                                      +------------|-------------+
-//          |                                                      +------------+             |
-//          |                                       hit: target down            |             |
-//          +---------------------------------- drop ---------------------------+    both: ---+
-//          ^
-//          +------ discard, from any list
+//                  miss              second use
+//         4 free --------> 0 recent ------------> 2 frequent <---+
+//            ^                 |                       |  ^      |
+//            |           evict |                 evict |  +------+
+//            |                 v                       v     use
+//            +----- drop -- 1 ghosts                3 ghosts
+//            |                                         |
+//            +----- drop ------------------------------+
+//
+//         1 -> 2   hit, the target goes up       any -> 4   discard
+//         3 -> 2   hit, the target goes down
 //
 // A hit on a ghost of list 1 says that the recent part is too small and raises its target length, a
 // hit on a ghost of list 3 lowers it; the list that is longer than its share gives up the next
@@ -22,15 +21,12 @@
 //
 // Locks, in the order in which they are taken: a record's lock, c_lru_lock, a bucket's h_lock.
 //
-//     the record's lock        rec_buffer, rec_addr, rec_slot and the buffer. Every move in the
-//     drawing
-//                              but "use" changes them, so it is made by a thread that has this
-//                              lock.
-//     c_lru_lock               the lists, rec_list, the target, the counters. All moves.
-//     h_lock                   the chain with its index, h_gen, and rec_addr and rec_slot of the
-//     records
-//                              on it: they change under the record's lock and h_lock together.
-//     rec_ref                  atomic: raised under h_lock, read under c_lru_lock.
+//     the record's lock    the buffer, rec_buffer, rec_addr and rec_slot. Every move in the
+//                          drawing is made by a thread that has this lock.
+//     c_lru_lock           the lists, rec_list, the target and the counters. All moves.
+//     h_lock               the chain with its index and h_gen; rec_slot changes under the
+//                          record's lock and h_lock together.
+//     rec_ref              atomic: changed under h_lock, read under c_lru_lock.
 //
 // Under c_lru_lock and h_lock records are tried and never waited for. A lookup that waits for a
 // record holds rec_ref and no lock; the record may be discarded and used again meanwhile, so that
@@ -372,8 +368,8 @@ bool drop_ghost(cache_t *cache, int list)
 }
 
 // Takes a victim from a list whose records were all in use, waiting for each in turn from the least
-// recently used on. The caller holds no lock and no record. `addr` has room for an address. Returns
-// the victim's buffer, or null.
+// recently used on, as often as the list is long at first. The caller holds no lock and no record.
+// `addr` has room for an address. Returns the victim's buffer, or null.
 cache_buf_t *wait_for_victim(cache_t *cache, int list, void *addr)
 {
     cache_buf_t *buffer = nullptr;
@@ -393,9 +389,9 @@ cache_buf_t *wait_for_victim(cache_t *cache, int list, void *addr)
             }
             unlock_record(cache, locked, nullptr);
         }
-        // The list may have changed; a record that left it leads nowhere.
-        rec = rec->rec_list == static_cast<uint32_t>(list) ? rec->rec_lru.prev
-                                                           : cache->c_lists[list].lru_queue.tail;
+        // A record that left the list meanwhile leads nowhere, nor does one that went to its head.
+        const bool stays = rec->rec_list == static_cast<uint32_t>(list) && rec->rec_lru.prev;
+        rec = stays ? rec->rec_lru.prev : cache->c_lists[list].lru_queue.tail;
     }
     if (!buffer)
         add(cache->c_lists[list].lru_evict_fail, 1);
@@ -419,12 +415,25 @@ enum class Next {
 struct Request {
     void *ptr;
     bool trylock;
-    cache_buf_t *spare = nullptr; // a buffer from an eviction, for the record that needs one
-    Kind counted = Kind::None;    // what the attempt before a wait has counted
-    bool waited = false; // for a victim: next time the cache grows above its capacity instead
+    cache_buf_t *spare = nullptr;   // a buffer from an eviction, for the record that needs one
+    cache_buf_t *surplus = nullptr; // one more, where the cache had grown above its capacity
+    Kind seen = Kind::None;         // what the attempt before a wait came upon
+    bool waited =
+        false; // for a victim: the cache grows above its capacity instead of waiting again
     int wait_list = 0;
     lru_rec_t *rec = nullptr; // the result, or the record to wait for
 };
+
+// A lookup counts once, however many attempts it takes. Returns whether this is its first attempt
+// that came upon `kind`.
+bool count(Request &request, Kind kind, int32_t &counter)
+{
+    const bool first = request.seen != kind;
+    if (request.seen == Kind::None)
+        add(counter, 1);
+    request.seen = kind;
+    return first;
+}
 
 // The list that is longer than its share.
 int cache_balance(const cache_t *cache, bool frequency_ghost)
@@ -434,20 +443,35 @@ int cache_balance(const cache_t *cache, bool frequency_ghost)
     return recent == 0 || keep ? CACHE_LIST_MU : CACHE_LIST_RU;
 }
 
+bool full(const cache_t *cache)
+{
+    return buffers_held(cache) >= cache->c_entries;
+}
+
+// The list itself, or its counterpart where it has no buffer to give and one is needed.
+int list_with_buffers(const cache_t *cache, int list)
+{
+    if (length(cache, list) > 0 || !full(cache))
+        return list;
+    return list == CACHE_LIST_RU ? CACHE_LIST_MU : CACHE_LIST_RU;
+}
+
 // Evicts from `list`, so that the request has a spare buffer, where that is needed and possible.
 // Returns false when a victim must be waited for first.
 bool evict_for(cache_t *cache, Request &request, int list)
 {
-    if (request.spare)
+    if (request.spare || request.waited)
         return true;
-    const bool full = buffers_held(cache) >= cache->c_entries;
-    if (length(cache, list) == 0 && full)
-        list = list == CACHE_LIST_RU ? CACHE_LIST_MU : CACHE_LIST_RU;
+    list = list_with_buffers(cache, list);
     if (lru_rec_t *victim = find_victim(cache, list)) {
         request.spare = evict_record(cache, victim);
+        if (full(cache) && !request.surplus) {
+            victim = find_victim(cache, list_with_buffers(cache, cache_balance(cache, false)));
+            request.surplus = victim ? evict_record(cache, victim) : nullptr;
+        }
         return true;
     }
-    if (full && length(cache, list) > 0 && !request.trylock && !request.waited) {
+    if (full(cache) && length(cache, list) > 0 && !request.trylock) {
         request.wait_list = list;
         return false;
     }
@@ -476,21 +500,33 @@ int victim_list_of_miss(cache_t *cache, bool drop)
     return cache_balance(cache, false);
 }
 
-// Locks a free record, reclaiming a ghost's when there is none. Only a lookup that found a record
-// before it was discarded has a free record's lock, and for a moment.
-Next take_free_record(cache_t *cache, Request &request)
+// Locks a free record that no lookup waits for, or, where `any` is set, any that is not locked.
+// Only a lookup that found a record before it was discarded waits for a free one or, for a moment,
+// has its lock.
+bool try_free_record(cache_t *cache, Request &request, bool any)
 {
-    const lru_list_t &list = cache->c_lists[CACHE_LIST_FREE];
-    if (list.lru_len == 0 && !drop_ghost(cache, CACHE_LIST_MU_GHOST))
-        drop_ghost(cache, CACHE_LIST_RU_GHOST);
-    for (lru_rec_t *rec = list.lru_queue.head; rec; rec = rec->rec_lru.next) {
-        if (try_record(cache, rec, nullptr)) {
+    lru_rec_t *rec = cache->c_lists[CACHE_LIST_FREE].lru_queue.head;
+    for (; rec; rec = rec->rec_lru.next) {
+        if ((any || references(rec).load() == 0) && try_record(cache, rec, nullptr)) {
             request.rec = rec;
-            return Next::Done;
+            return true;
         }
     }
-    request.rec = list.lru_queue.head;
-    return request.rec ? Next::WaitRecord : Next::NoFreeRecord;
+    return false;
+}
+
+// Locks a free record, or that of a ghost where there is none.
+Next take_free_record(cache_t *cache, Request &request)
+{
+    if (try_free_record(cache, request, false))
+        return Next::Done;
+    if ((drop_ghost(cache, CACHE_LIST_MU_GHOST) || drop_ghost(cache, CACHE_LIST_RU_GHOST)) &&
+        try_free_record(cache, request, false))
+        return Next::Done;
+    if (try_free_record(cache, request, true))
+        return Next::Done;
+    request.rec = cache->c_lists[CACHE_LIST_FREE].lru_queue.head;
+    return request.rec && !request.trylock ? Next::WaitRecord : Next::NoFreeRecord;
 }
 
 Next place_miss(cache_t *cache, Request &request, const Key &key, int32_t gen)
@@ -503,10 +539,7 @@ Next place_miss(cache_t *cache, Request &request, const Key &key, int32_t gen)
         if (inserted)
             return Next::Again;
     }
-    const bool first = request.counted != Kind::Miss;
-    if (first)
-        add(cache->c_cache_miss, 1);
-    request.counted = Kind::Miss;
+    const bool first = count(request, Kind::Miss, cache->c_cache_miss);
     const int victim_list = victim_list_of_miss(cache, first);
     if (victim_list >= 0 && !evict_for(cache, request, victim_list))
         return Next::WaitVictim;
@@ -543,11 +576,8 @@ void adapt(cache_t *cache, bool frequency_ghost)
 Next place_ghost_hit(cache_t *cache, Request &request, lru_rec_t *rec)
 {
     const bool frequency_ghost = rec->rec_list == CACHE_LIST_MU_GHOST;
-    if (request.counted != Kind::GhostHit) {
-        add(cache->c_ghost_hit, 1);
+    if (count(request, Kind::GhostHit, cache->c_ghost_hit))
         adapt(cache, frequency_ghost);
-    }
-    request.counted = Kind::GhostHit;
     if (!evict_for(cache, request, cache_balance(cache, frequency_ghost))) {
         unlock_record(cache, rec, request.ptr);
         return Next::WaitVictim;
@@ -564,8 +594,7 @@ Next place_hit(cache_t *cache, Request &request, lru_rec_t *rec)
     if (rec->rec_list == CACHE_LIST_RU_GHOST || rec->rec_list == CACHE_LIST_MU_GHOST)
         return place_ghost_hit(cache, request, rec);
     if (rec->rec_list == CACHE_LIST_RU || rec->rec_list == CACHE_LIST_MU)
-        add(cache->c_cache_hit, 1);
-    request.counted = Kind::Hit;
+        count(request, Kind::Hit, cache->c_cache_hit);
     move_to_head(cache, CACHE_LIST_MU, rec);
     return Next::Done;
 }
@@ -722,9 +751,11 @@ cache_handle_t cache_buffer_find(cache_t *cache, bufaddr_t addr, void *ptr, int 
 {
     Request request{ptr, trylock != 0};
     lru_rec_t *rec = find_record(cache, request, make_key(cache, addr));
-    // A record that was found with its buffer, or none at all, has no use for another one.
-    if (request.spare)
-        cache->c_functions->c_free_fn(cache->c_handle, request.spare);
+    // A record that was found with its buffer, or none at all, has no use for the spare one.
+    for (cache_buf_t *buffer : {request.spare, request.surplus}) {
+        if (buffer)
+            cache->c_functions->c_free_fn(cache->c_handle, buffer);
+    }
     if (!rec)
         return nullptr;
     if (!fill(cache, rec, addr, populate_flags)) {

@@ -368,8 +368,10 @@ TEST_F(Cache, FailuresLeaveTheAddressUncached)
     EXPECT_GT(cache->c_lists[CACHE_LIST_RU].lru_evict_fail, 0);
     EXPECT_FALSE(touch(5));
     EXPECT_TRUE(touch(1));
+    EXPECT_EQ(host.allocated - host.freed, 4);
     host.refusals = 0;
-    EXPECT_TRUE(touch(5));
+    EXPECT_TRUE(touch(5) && touch(6) && touch(7)); // and shrinks again
+    EXPECT_EQ(host.allocated - host.freed, 2);
 }
 
 TEST_F(Cache, WaiterOutlivesADiscard)

@@ -11,11 +11,12 @@
  *
  * Life:           cache_init -> cache_buffer_find, cache_data_ptr, cache_buffer_unlock, or
  *                 discard_cache_entry in place of the unlock ... -> cache_destroy.
- * Ownership:      buffers come from c_allocate_fn and go back through c_free_fn; a handle belongs
- * to the caller from the lookup to the unlock or the discard. On failure:     a null pointer;
- * nothing is held or leaked then. Thread safety:  any thread may call everything but cache_destroy
- * at any time. A thread holds one buffer at a time: a lookup may wait for a record that is locked,
- * so a thread that holds one and wants another asks with `trylock`, or it may wait for itself.
+ * Ownership:      buffers come from c_allocate_fn and go back through c_free_fn; a handle is the
+ *                 caller's from the lookup to the unlock or the discard.
+ * On failure:     a null pointer; nothing is held or leaked then.
+ * Thread safety:  any thread may call everything but cache_destroy at any time. A thread holds one
+ *                 buffer at a time: a lookup may wait for a record that is locked, so a thread that
+ *                 holds one and wants another asks with `trylock`, or it may wait for itself.
  * Callbacks:      c_trylock_fn, c_unlock_fn, c_evict_fn, c_hash_fn and c_compare_fn run while locks
  *                 of the cache are held; they must not call the cache. The others run without.
  *
