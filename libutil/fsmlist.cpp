@@ -69,9 +69,15 @@ VoError_t remember(FsmListHndl_t *list)
 VoError_t load(FsmListHndl_t *list, const char *path, KovaFlgs_t flags)
 {
     char message[message_size];
-    const VoError_t status =
+    VoError_t status =
         KovaCfgOpen(path, flags, CFGTYPE_WORDS, &list->KovaCfg, message, sizeof message);
-    return status == 0 ? remember(list) : status;
+    if (status == 0) {
+        status = remember(list);
+    }
+    if (status != 0) { // a list without its copy would seem edited for ever
+        close_lists(list);
+    }
+    return status;
 }
 
 // Takes priority or marker from the first value that is either.

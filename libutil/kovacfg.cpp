@@ -9,9 +9,8 @@
 //     in state            character               what happens
 //     COMMENTCONT         any                     nothing
 //     any, quoted         a quote                 cut; quoted text ends; VALSTART
-//     any                 a quote                 quoted text begins; the character behind the
-//     quote
-//                                                 goes through the rows marked *, at once
+//     any                 a quote                 quoted text begins; the next character goes
+//                                                 through the rows marked * at once
 //     any, quoted         any                     nothing
 //   * METASTART           '@'                     the name starts here; NAMECONT
 //   * METASTART           any other               nothing

@@ -206,8 +206,14 @@ TEST_F(FsmList, AHandleWithoutAListSurvivesEveryCall)
     EXPECT_EQ(support::read_file(path), "back\n");
     EXPECT_EQ(FsmListClose(&list, 1), 0);
     // A line whose texts, copied apart, do not fit into an entry.
-    support::write_file(path, "data1#" + std::string(600, 'x') + "\n");
-    EXPECT_EQ(FsmListOpen(&list, 7), 22);
+    open_with("a\n");
+    change("data1#" + std::string(600, 'x') + "\n");
+    EXPECT_EQ(FsmListOpen(&other, 7), 22);
+    EXPECT_EQ(FsmListRefresh(list), 22);
+    EXPECT_EQ(FsmListInsert(list, 0, &ent), 11);
+    change("c\n");
+    EXPECT_EQ(FsmListRefresh(list), 0);
+    EXPECT_EQ(names(), "c");
 }
 
 TEST_F(FsmList, AddNameAddsOnce)

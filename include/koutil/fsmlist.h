@@ -14,11 +14,11 @@
  *
  * Names:          255 characters; longer ones are cut, in the file and in what callers pass.
  * Status:         0; 2 no such entry; 6 unsaved edits stand in the way; 11 a null argument, a
- *                 priority out of range, or a handle whose list was lost in a failed refresh; 20
- * out of memory; otherwise the status of the keyword file (kovacfg.h). Life:           FsmListOpen
- * -> ... -> FsmListClose. Thread safety:  no locks; a handle belongs to one thread at a time. What
- * other processes change is seen through FsmListRefresh only; two that save at once overwrite each
- * other.
+ *                 priority out of range, or a handle whose list was lost in a failed refresh;
+ *                 20 out of memory; otherwise the status of the keyword file (kovacfg.h).
+ * Life:           FsmListOpen -> ... -> FsmListClose.
+ * Thread safety:  no locks; a handle belongs to one thread at a time. What other processes change
+ *                 is seen through FsmListRefresh only; two that save at once overwrite each other.
  */
 #ifndef KOUTIL_FSMLIST_H
 #define KOUTIL_FSMLIST_H
@@ -51,6 +51,7 @@ typedef struct FsmListEnt_s {
  * missing file.
  *
  * Ownership: the handle goes back through FsmListClose.
+ * Returns 0; 20; or the status of KovaCfgOpen or, for a line that cannot be copied, KovaCfgCopy.
  * On failure *FsmListHndlOut is null. */
 KO_API VoError_t FsmListOpen(FsmListHndl_t **FsmListHndlOut, KovaFlgs_t OpenFlags);
 
@@ -60,12 +61,14 @@ KO_API VoError_t FsmListOpen(FsmListHndl_t **FsmListHndlOut, KovaFlgs_t OpenFlag
  * Returns 0, or the status of the save; the handle is gone in either case. */
 KO_API VoError_t FsmListClose(FsmListHndl_t **FsmListHndl, int SaveChanges);
 
-/* Read the entry at a position. On failure the entry is empty but for its Index. */
+/* Read the entry at a position.
+ *
+ * Returns 0; 2 past the end; or 11. On failure the entry is empty but for its Index. */
 KO_API VoError_t FsmListRead(FsmListHndl_t *FsmListHndl, int Index, FsmListEnt_t *FsmListEnt);
 
 /* Find the first entry with that name; case counts.
  *
- * Returns 0, or 2 with an empty entry whose Index is -1. */
+ * Returns 0; 2; or 11. On failure the entry is empty, with the Index -1. */
 KO_API VoError_t FsmListFind(FsmListHndl_t *FsmListHndl, const char *FsName,
                              FsmListEnt_t *FsmListEnt);
 
@@ -76,17 +79,23 @@ KO_API VoError_t FsmListFind(FsmListHndl_t *FsmListHndl, const char *FsName,
 KO_API VoError_t FsmListInsert(FsmListHndl_t *FsmListHndl, int Index,
                                const FsmListEnt_t *FsmListEnt);
 
-/* Replace the entry at a position, as FsmListInsert makes it. On failure the list is unchanged. */
+/* Replace the entry at a position, as FsmListInsert makes it.
+ *
+ * Returns 0; 2 past the end; or as FsmListInsert. On failure the list is unchanged. */
 KO_API VoError_t FsmListModify(FsmListHndl_t *FsmListHndl, int Index,
                                const FsmListEnt_t *FsmListEnt);
 
-/* Remove the entry at a position. */
+/* Remove the entry at a position.
+ *
+ * Returns 0; 2 past the end; or 11. */
 KO_API VoError_t FsmListDelete(FsmListHndl_t *FsmListHndl, int Index);
 
 /* Whether the list differs from what was loaded or last saved: 1 or 0. */
 KO_API int FsmListIsModified(FsmListHndl_t *FsmListHndl);
 
-/* Write the list back, as KovaCfgSave does. */
+/* Write the list back, as KovaCfgSave does; unsaved edits are counted from here.
+ *
+ * Returns 0; 11; or the status of the save, or of the copy taken for the detection of changes. */
 KO_API VoError_t FsmListSave(FsmListHndl_t *FsmListHndl);
 
 /* Load the list again when the file's modification time has changed, or when an earlier refresh

@@ -29,9 +29,10 @@
  * Metadata:       "# @Name=value" is no comment: the entry has the name "@Name" and is marked. No
  *                 blank separates in such a line.
  * Messages:       a failing operation that takes ErrMsg and ErrMsgSz writes one line into it, cut
- * to the size, when ErrMsg is not null. Status:         0; 2 no such entry, end of the list; 11 a
- * required argument is null, an index is negative, a NUL byte in the file; 20 out of memory; 22 a
- * text is too long or there are too many; otherwise the status of a file operation (kovaio.h).
+ *                 to the size, when ErrMsg is not null.
+ * Status:         0; 2 no such entry, end of the list; 11 a required argument is null, an index is
+ *                 negative, a NUL byte in the file; 20 out of memory; 22 a text is too long or
+ *                 there are too many; otherwise the status of a file operation (kovaio.h).
  * Life:           KovaCfgOpen or KovaCfgCopy -> ... -> KovaCfgClose. The file stays open meanwhile,
  *                 but is not read again; changes reach it only through a save.
  * Thread safety:  no shared state; an object belongs to one thread at a time. Processes that save

@@ -30,7 +30,7 @@ KO_BEGIN_DECLS
 KO_API void pretty_print_time(char *str, unsigned int len, int flags, uint32_t value);
 
 /* Write `value` bytes into `str`, at most `len` bytes with the terminator: "999", "1.5K", "123M".
- * As pretty_print_time otherwise. */
+ * As pretty_print_time otherwise; the largest sizes take six characters ("18447P"). */
 KO_API void pretty_print_space(char *str, unsigned int len, int flags, uint64_t value);
 
 /* Read a number of minutes: digits with an optional period, and a unit letter in either case right
