@@ -276,11 +276,15 @@ class Job
             if (!alive() || !read_file(&file)) {
                 return false;
             }
-            if (settings_.verbose) {
-                printf("%016llx  %10s  %s\n", static_cast<unsigned long long>(file.digest),
-                       size_text(file.size).c_str(), file.name.c_str());
-            }
         }
+        return true;
+    }
+
+    // Leaves out a file that errno says cannot be read; the job goes on.
+    bool skip(const File &file)
+    {
+        fprintf(stderr, "option_shell: %s: %s\n", file.name.c_str(), strerror(errno));
+        ++skipped_;
         return true;
     }
 
@@ -288,9 +292,7 @@ class Job
     {
         const std::unique_ptr<FILE, int (*)(FILE *)> in(fopen(file->name.c_str(), "rbe"), fclose);
         if (in == nullptr) {
-            fprintf(stderr, "option_shell: %s: %s\n", file->name.c_str(), strerror(errno));
-            ++skipped_;
-            return true;
+            return skip(*file);
         }
         const Hash hash = new_hash();
         file->size = 0;
@@ -303,7 +305,14 @@ class Job
                 return false;
             }
         }
+        if (ferror(in.get()) != 0) {
+            return skip(*file);
+        }
         file->digest = XXH64_digest(hash.get());
+        if (settings_.verbose) {
+            printf("%016llx  %10s  %s\n", static_cast<unsigned long long>(file->digest),
+                   size_text(file->size).c_str(), file->name.c_str());
+        }
         return true;
     }
 
