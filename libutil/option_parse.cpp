@@ -325,17 +325,17 @@ class IntervalReader
     uint64_t total_ = 0;
 };
 
-// What the usage listing shows after the "=" of a value.
+// What the usage listing shows after the "=" of a value; nothing where the value is the caller's.
 const char *placeholder(const Syntax &syntax)
 {
     if (syntax.value[0] == '|') {
         return syntax.value + 1;
     }
     switch (syntax.letter()) {
-    case '\0':
-        return syntax.value;
     case 'b':
         return "<boolean>";
+    case 'd':
+        return "<value>";
     case 'D':
         return "<value>[k|m|g]";
     case 's':
@@ -343,7 +343,7 @@ const char *placeholder(const Syntax &syntax)
     case 't':
         return "<interval>";
     default:
-        return "<value>";
+        return "";
     }
 }
 

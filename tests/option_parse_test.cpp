@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,7 +18,7 @@ enum { threads = 1, size, interval, name, mode, debug, verbose, path, odd };
 Option table[] = {
     {"threads=%d", threads, 1, 64, "worker threads", 0, KOOPT_UINT32, 0},
     {"size=%D", size, 0, 0, "size of the cache", 0, KOOPT_INVALID, 0},
-    {"t=%t", interval, 0, 7200, nullptr, 0, KOOPT_INVALID, 0},
+    {"t=%t", interval, 0, (1ull << 32) + 7200, nullptr, 0, KOOPT_INVALID, 0},
     {"name=%s", name, 0, 0, nullptr, 0, KOOPT_INVALID, 0},
     {"mode=|fast,quick|slow", mode, 0, 0, "how", 0, KOOPT_INVALID, 0},
     {"debug=%b", debug, 0, 0, "say more", 0, KOOPT_INVALID, 0},
@@ -25,7 +27,8 @@ Option table[] = {
     {"odd=%x", odd, 0, 0, nullptr, 0, KOOPT_INVALID, 0},
     {"banned", OPTION_ERROR, 0, 0, nullptr, 0, KOOPT_INVALID, 0},
     {"hidden", OPTION_UNLISTED, 0, 0, nullptr, 0, KOOPT_INVALID, 0},
-    {"silent=%s", 20, 0, 0, nullptr, 1, KOOPT_INVALID, 0},
+    {"silent=%D", 20, 1ull << 33, 0, nullptr, 1, KOOPT_INVALID, 0},
+    {"wide=%t", 23, 0, 0, nullptr, 1, KOOPT_INVALID, 0},
     {"a_name_that_fills_its_column=%D", 21, 0, 0, "below", 0, KOOPT_INVALID, 0},
     {"another_name_that_fills_the_column", 22, 0, 0, nullptr, 0, KOOPT_INVALID, 0},
     {nullptr, 0, 0, 0, nullptr, 0, KOOPT_INVALID, 0},
@@ -50,13 +53,6 @@ struct Step {
     uint64_t number = untouched;
     std::string word, rest, message;
 };
-
-std::string interval_text(uint64_t seconds)
-{
-    char text[24];
-    format_interval(seconds, text);
-    return text;
-}
 
 } // namespace
 
@@ -123,6 +119,19 @@ TEST(Options, Values)
 
 TEST(Options, FailuresTellWhyAndLeaveTheCallerAtTheirPlace)
 {
+    const auto expect = [](const std::string &text, const std::string &message,
+                           const std::string &rest) {
+        const Step step{text};
+        EXPECT_EQ(step.code, uint32_t{OPTION_ERROR}) << text;
+        EXPECT_EQ(step.message, message);
+        EXPECT_EQ(step.rest, rest) << text;
+        EXPECT_EQ(step.word, "") << text;
+        EXPECT_EQ(step.number, 0u) << text;
+        for (size_t length : {0, 1, 10, 60}) {
+            EXPECT_EQ(Step(text, int(length)).message,
+                      message.substr(0, std::max(length, 1ul) - 1));
+        }
+    };
     const struct {
         const char *text, *message, *rest;
     } cases[] = {
@@ -136,52 +145,48 @@ TEST(Options, FailuresTellWhyAndLeaveTheCallerAtTheirPlace)
         {"threads=x,y", "Unrecognized decimal value in 'threads=x'\n", "x,y"},
         {"threads=0,y", "Parameter 'threads' (0) out of range, min 1 max 64\n", ",y"},
         {"threads=-1", "Parameter 'threads' (-1) out of range, min 1 max 64\n", ""},
-        {"t=2h1s", "Parameter 't' (7201) out of range, min 0 max 7200\n", ""},
-        {"size=4x",
-         "Unrecognized number (Invalid unit multiplier (k/K/m/M/g/G allowed)) in "
-         "'size=4x'\n",
-         "4x"},
-        {"size=4\n",
-         "Unrecognized number (Invalid unit multiplier (k/K/m/M/g/G allowed)) in "
-         "'size=4\n'\n",
-         "4\n"},
+        {"silent=1k", "Parameter 'silent' (1024) out of range, min 8589934592 max 0\n", ""},
+        {"t=5000000000", "Parameter 't' (5000000000) out of range, min 0 max 7200\n", ""},
         {"size=k", "Unrecognized number () in 'size=k'\n", "k"},
-        {"name=12345678,x",
-         "Parse error in string value (String option too long) "
-         "'name=12345678,x\n",
-         "12345678,x"},
-        {"name=\"1,x", "Parse error in string value (Unterminated string) 'name=\"1,x\n", "\"1,x"},
-        {"mode=fas,x",
-         "Unknown choice enumerated in option 'mode=fas'; Expected: "
-         "{fast,quick|slow}\n",
-         "fas,x"},
-        {"t=5 67,x",
-         "Bad time format: '5 6' (offset 3): unexpected digit(s)\n"
-         "Option: 't=5 67,x'\n",
-         "5 67,x"},
-        {"t=1:30m",
-         "Bad time format: '1:30m' (offset 5): unexpected w/d/h/m/s specifier\n"
-         "Option: 't=1:30m'\n",
-         "1:30m"},
-        {"t=1h5",
-         "Bad time format: '1h5' (offset 4): incomplete specification\n"
-         "Option: 't=1h5'\n",
-         "1h5"},
-        {"t=1h:", "Bad time format: '1h:' (offset 3): unexpected ':'\nOption: 't=1h:'\n", "1h:"},
-        {"t=", "Bad time format: '' (offset 1): incomplete specification\nOption: 't='\n", ""},
-        {"t=1x", "Bad time format: '1x' (offset 2): invalid character\nOption: 't=1x'\n", "1x"},
     };
     for (const auto &c : cases) {
-        const Step step{c.text};
-        EXPECT_EQ(step.code, uint32_t{OPTION_ERROR}) << c.text;
-        EXPECT_EQ(step.message, c.message);
-        EXPECT_EQ(step.rest, c.rest) << c.text;
-        EXPECT_EQ(step.word, "") << c.text;
-        EXPECT_EQ(step.number, 0u) << c.text;
-        for (int length : {0, 1, 10, 60}) {
-            EXPECT_EQ(Step(c.text, length).message,
-                      std::string(c.message).substr(0, length > 0 ? size_t(length) - 1 : 0));
-        }
+        expect(c.text, c.message, c.rest);
+    }
+    for (const std::string value : {"4x", "4\n", "0x", "08"}) {
+        expect("size=" + value,
+               "Unrecognized number (Invalid unit multiplier (k/K/m/M/g/G allowed)) in 'size=" +
+                   value + "'\n",
+               value);
+    }
+    expect("mode=fas,x",
+           "Unknown choice enumerated in option 'mode=fas'; Expected: {fast,quick|slow}\n",
+           "fas,x");
+    const struct {
+        std::string value, reason;
+    } strings[] = {{"12345678,x", "String option too long"}, {"\"1,x", "Unterminated string"}};
+    for (const auto &c : strings) {
+        expect("name=" + c.value,
+               "Parse error in string value (" + c.reason + ") 'name=" + c.value + "\n", c.value);
+    }
+    const struct {
+        std::string value, read;
+        int offset;
+        std::string reason;
+    } times[] = {
+        {"5 67,x", "5 6", 3, "unexpected digit(s)"},
+        {"1:30m", "1:30m", 5, "unexpected w/d/h/m/s specifier"},
+        {"1h5", "1h5", 4, "incomplete specification"},
+        {"1h:", "1h:", 3, "unexpected ':'"},
+        {"1:=", "1:", 3, "incomplete specification"},
+        {"", "", 1, "incomplete specification"},
+        {"1x", "1x", 2, "invalid character"},
+        {"5\nverbose", "5\n", 2, "invalid character"},
+    };
+    for (const auto &c : times) {
+        expect("t=" + c.value,
+               "Bad time format: '" + c.read + "' (offset " + std::to_string(c.offset) +
+                   "): " + c.reason + "\nOption: 't=" + c.value + "'\n",
+               c.value);
     }
 }
 
@@ -202,8 +207,8 @@ TEST(Options, TheListingShowsEveryListedRow)
               "  mode=fast,quick|slow          how\n"
               "  debug=<boolean>               say more\n"
               "  verbose                       say much more\n"
-              "  path=FILE                     \n"
-              "  odd=<value>                   \n"
+              "  path=                         \n"
+              "  odd=                          \n"
               "  banned                        \n"
               "  a_name_that_fills_its_column=<value>[k|m|g]\n"
               "                                below\n"
@@ -213,39 +218,32 @@ TEST(Options, TheListingShowsEveryListedRow)
 TEST(Options, NumbersAndTimesReadBack)
 {
     const struct {
+        const char *option;
+        void (*format)(uint64_t, char *);
         uint64_t number;
         const char *text;
-    } numbers[] = {{0, "0G"},
-                   {4096, "4K"},
-                   {1536, "1536"},
-                   {3145728, "3M"},
-                   {uint64_t{1} << 40, "1024G"},
-                   {UINT64_MAX, "-1"}};
-    for (const auto &c : numbers) {
-        char text[21];
-        format_number(c.number, text);
-        EXPECT_STREQ(text, c.text);
-        EXPECT_EQ(Step("size=" + std::string(text)).number, c.number);
-    }
-    const struct {
-        uint64_t seconds;
-        const char *text;
-    } times[] = {{0, "0s"},
-                 {45, "45s"},
-                 {120, "2m"},
-                 {90, "1:30"},
-                 {7200, "2h"},
-                 {172800, "2d"},
-                 {90000, "25h"},
-                 {3723, "1:02:03"},
-                 {UINT64_MAX, "5124095576030431:00:15"},
-                 {3600ull * 2147483648u, "2147483648h"}};
-    for (const auto &c : times) {
-        std::string text = interval_text(c.seconds);
-        uint64_t back = 0;
-        char *at = text.data();
-        EXPECT_EQ(parse_interval(&at, &back, nullptr, 0), 1);
-        EXPECT_EQ(back, c.seconds);
-        EXPECT_EQ(interval_text(c.seconds), c.text);
+    } cases[] = {
+        {"size=", format_number, 0, "0G"},
+        {"size=", format_number, 4096, "4K"},
+        {"size=", format_number, 1536, "1536"},
+        {"size=", format_number, 3145728, "3M"},
+        {"size=", format_number, uint64_t{1} << 40, "1024G"},
+        {"size=", format_number, uint64_t{1} << 63 | 1, "-9223372036854775807"},
+        {"t=", format_interval, 0, "0s"},
+        {"t=", format_interval, 45, "45s"},
+        {"t=", format_interval, 120, "2m"},
+        {"t=", format_interval, 90, "1:30"},
+        {"t=", format_interval, 7200, "2h"},
+        {"t=", format_interval, 172800, "2d"},
+        {"t=", format_interval, 90000, "25h"},
+        {"t=", format_interval, 3723, "1:02:03"},
+        {"wide=", format_interval, UINT64_MAX, "5124095576030431:00:15"},
+        {"wide=", format_interval, 3600ull * 2147483648u, "2147483648h"},
+    };
+    for (const auto &c : cases) {
+        const std::unique_ptr<char[]> text(new char[strlen(c.text) + 1]);
+        c.format(c.number, text.get());
+        EXPECT_STREQ(text.get(), c.text);
+        EXPECT_EQ(Step(c.option + std::string(text.get())).number, c.number);
     }
 }

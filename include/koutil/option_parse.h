@@ -116,15 +116,17 @@ KO_API int parse_interval(char **options, uint64_t *out, char *err_msg, size_t e
 
 /* Copy a text of at most `str_len` characters into `str_value`, which holds one byte more, and
  * terminate it. The text stands in quotation marks, or runs to the first "," of all that is left,
- * or else to the first line feed, or else to the end. */
+ * or else to the first line feed, or else to the end. On failure `str_value` is untouched. */
 KO_API int parse_string(char **options, char *str_value, int str_len, char **err_str);
 
 /* Read a word, up to the next ",", "=" or the end, and find it in `choices`, which begins with "|".
  * On success *int_value is the number of "|" between the list's start and the word. */
 KO_API int parse_choice(char **options, const char *choices, uint64_t *int_value);
 
-/* Print one line for each row on standard error, the syntax on the left and m_usage from column 32
- * on. Rows with the code OPTION_UNLISTED or with m_silent are left out. */
+/* Print one line for each row on standard error: the name and what its value may be on the left,
+ * m_usage from column 32 on, below a left side of 30 characters and more. The left side is cut at
+ * 79; a value that is left to the caller shows nothing behind its "=". Rows with the code
+ * OPTION_UNLISTED or with m_silent are left out. */
 KO_API void parser_usage(Option *syntax);
 
 /* Write `num` to `str`, which holds 21 bytes, in the syntax of "%D" with the largest unit of K, M
