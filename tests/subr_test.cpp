@@ -8,20 +8,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-TEST(Subr, StatesHaveTheirTexts)
+TEST(Subr, CodesHaveTheirTexts)
 {
     EXPECT_STREQ(decode_state(FSM_RELAUNCH), "RELAUNCH");
     EXPECT_STREQ(decode_state(6), "(unknown state)");
     EXPECT_STREQ(decode_substate(FSM_NO_SUBSTATE), "(no substate)");
-    EXPECT_STREQ(decode_substate(FSM_BLOCKED_BADTIMER),
-                 "(misconfigured HA timer-interval override)");
-    EXPECT_STREQ(decode_substate(200), "(unknown substate)");
-}
-
-TEST(Subr, KeysAreFoundFirstRowFirstAndMissesEndTheTable)
-{
-    EXPECT_STREQ(ktxt(ivkey, 0x209), "5.0 small inode (0x209)");
-    EXPECT_STREQ(ktxt(ivkey, 0x300), "unknown inode version");
+    EXPECT_STREQ(decode_substate(FSM_BLOCKED_HA), "(waiting for MDC to become HA primary)");
+    EXPECT_STREQ(decode_substate(10), "(unknown substate)");
+    EXPECT_STREQ(ktxt(ivkey, 0x20A), "5.0 small inode + NamedStreams (0x20a)");
     EXPECT_STREQ(ktxt(ivkey, -1), "unknown inode version");
     key_txt_t table[] = {{7, "first"}, {7, "second"}, {KEY_TXT_END, "none"}};
     EXPECT_STREQ(ktxt(table, 7), "first");
@@ -57,30 +51,22 @@ TEST(Subr, OpensOnlyDirectories)
 
 TEST(Subr, SizesChangeTheirUnitJustAboveIt)
 {
-    const struct {
-        uint64_t size;
-        const char *text;
-    } cases[] = {
+    const std::pair<uint64_t, const char *> cases[] = {
         {0, "0.00 B"},
         {1024, "1024.00 B"},
         {1025, "1.00 KB"},
         {1572864, "1.50 MB"},
-        {uint64_t{1} << 20, "1024.00 KB"},
-        {(uint64_t{1} << 60) + 1, "1.00 EB"},
-        {uint64_t{1} << 60, "1024.00 PB"},
+        {1ull << 20, "1024.00 KB"},
+        {(1ull << 60) + 1, "1.00 EB"},
+        {1ull << 60, "1024.00 PB"},
         {UINT64_MAX, "16.00 EB"},
     };
-    for (const auto &c : cases) {
+    for (const auto &[size, expected] : cases) {
         char text[11];
-        SizeStr(c.size, text);
-        EXPECT_STREQ(text, c.text);
+        SizeStr(size, text);
+        EXPECT_STREQ(text, expected);
     }
-}
-
-TEST(Subr, BlockShiftCountsTrailingZeroBits)
-{
-    EXPECT_EQ(BlockShift(4096), 12);
     EXPECT_EQ(BlockShift(6), 1);
     EXPECT_EQ(BlockShift(0), 0);
-    EXPECT_EQ(BlockShift(uint64_t{1} << 63), 63);
+    EXPECT_EQ(BlockShift(1ull << 63), 63);
 }

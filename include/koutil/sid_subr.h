@@ -86,8 +86,9 @@ KO_API int issid(const char *str);
 
 /* Write the text of the binary SID at `ptr` to `sidstr`; "Invalid SID" for a null `ptr`.
  *
- * Reads 8 + 4 * n bytes, n being the count in the second byte. `sidstr` must hold 32 + 11 * n
- * bytes; SID_TEXT_SIZE is enough for every n. */
+ * Reads 8 + 4 * n bytes, n being the count in the second byte. `sidstr` must hold the text and its
+ * terminator: at most 22 + 11 * n bytes, for which SID_TEXT_SIZE is enough with every n; 12 bytes
+ * for a null `ptr`. */
 KO_API void ascii_sid(unsigned char *ptr, char *sidstr);
 
 KO_END_DECLS
