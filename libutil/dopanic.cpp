@@ -25,7 +25,8 @@ const char *or_null_text(const char *text)
 void DefaultPanic(char *str1, char *str2, int core, char *file, int line)
 {
     char text[2048] = "";
-    VoSnprintf(text, sizeof text, "%s: %s %s\"%s\" file %s, line %d", PanicNomenclature,
+    VoSnprintf(text, sizeof text, "%.*s: %s %s\"%s\" file %s, line %d",
+               static_cast<int>(sizeof PanicNomenclature), PanicNomenclature,
                or_null_text(CallerName), or_null_text(str1), or_null_text(str2), or_null_text(file),
                line);
     syslog(LOG_ALERT, "%s", text);

@@ -6,54 +6,42 @@
 
 #include <csignal>
 #include <cstring>
-#include <string>
 #include <unistd.h>
 
 using support::run_in_child;
 
 TEST(Panic, WritesOneLineAndAborts)
 {
-    const auto outcome = run_in_child([]() -> int {
+    const auto child = run_in_child([]() -> int {
         set_caller_name(const_cast<char *>("/bin/prog"));
         DoPanic("ASSERT failed ", "a == b", 1, "libutil/x", 12);
     });
-    EXPECT_TRUE(outcome.signalled(SIGABRT));
-    EXPECT_EQ(outcome.err, "PANIC: /bin/prog ASSERT failed \"a == b\" file libutil/x, line 12\n");
+    EXPECT_TRUE(child.signalled(SIGABRT));
+    EXPECT_EQ(child.err, "PANIC: /bin/prog ASSERT failed \"a == b\" file libutil/x, line 12\n");
 }
 
 TEST(Panic, WithoutACoreExitsWithTheCodeOfTheHost)
 {
-    const auto outcome = run_in_child([]() -> int {
+    const auto child = run_in_child([]() -> int {
+        DoPanicFn = nullptr; // stands for the default
         PanicNoCoreExitCode = 9;
-        strcpy(PanicNomenclature, "HALT");
+        memset(PanicNomenclature, 'H', sizeof PanicNomenclature); // and no terminator
         CallerName = nullptr;
-        DoPanic("", std::string(3000, 'y').c_str(), 0, "f", 1);
+        DoPanic(nullptr, nullptr, 0, nullptr, 1);
     });
-    EXPECT_TRUE(outcome.exited(9));
-    EXPECT_EQ(outcome.err.size(), 2048u);
-    EXPECT_EQ(outcome.err.substr(0, 20), "HALT: (null) \"yyyyyy");
+    EXPECT_TRUE(child.exited(9));
+    EXPECT_EQ(child.err, std::string(2047, 'H') + "\n");
 }
 
 TEST(Panic, AHandlerThatReturnsEndsTheProcessWithOne)
 {
-    const auto outcome = run_in_child([]() -> int {
+    const auto child = run_in_child([]() -> int {
         atexit([] { (void)!write(2, "exit handler", 12); });
         DoPanicFn = [](char *str1, char *str2, int core, char *file, int line) {
             fprintf(stderr, "%s|%s|%d|%s|%d", str1, str2, core, file, line);
-            fflush(stderr);
         };
         DoPanic("a", "b", 0, "c", 3);
     });
-    EXPECT_TRUE(outcome.exited(1));
-    EXPECT_EQ(outcome.err, "a|b|0|c|3");
-}
-
-TEST(Panic, ANullHandlerStandsForTheDefault)
-{
-    const auto outcome = run_in_child([]() -> int {
-        DoPanicFn = nullptr;
-        DoPanic("", "gone", 0, "f", 1);
-    });
-    EXPECT_TRUE(outcome.exited(1));
-    EXPECT_NE(outcome.err.find("\"gone\""), std::string::npos);
+    EXPECT_TRUE(child.exited(1));
+    EXPECT_EQ(child.err, "a|b|0|c|3");
 }

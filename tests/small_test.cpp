@@ -1,17 +1,18 @@
-// small_test.cpp - the small system queries and formatters.
+// small_test.cpp - the small system queries and formatters, and the hooks of a leak tracker.
 #include "koutil/console.h"
 #include "koutil/fmt_syserror.h"
 #include "koutil/fprintf_indent.h"
+#include "koutil/memleak_dbg.h"
 #include "koutil/memsize.h"
 #include "koutil/priv_check.h"
 #include "koutil/rss.h"
+#include "koutil/snprintf.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
-#include <string>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -19,6 +20,8 @@ namespace
 {
 
 const char *statm = nullptr; // what a read gives in place of the file's text
+int size_check_result = -1;
+const char *volatile no_format = nullptr;
 
 } // namespace
 
@@ -27,41 +30,55 @@ extern "C" ssize_t read(int fd, void *buffer, size_t size)
     if (statm == nullptr) {
         return syscall(SYS_read, fd, buffer, size);
     }
-    const size_t length = std::min(size, strlen(statm));
-    memcpy(buffer, statm, length);
-    return static_cast<ssize_t>(length);
+    return static_cast<ssize_t>(strlen(strncpy(static_cast<char *>(buffer), statm, size)));
+}
+
+extern "C" int _zelmemdbg_size_check(void)
+{
+    return size_check_result;
+}
+
+TEST(Snprintf, CutsTerminatesAndReturnsTheNeededLength)
+{
+    char buffer[] = "#######";
+    char *volatile no_buffer = nullptr;
+    EXPECT_EQ(VoSnprintf(buffer, 8, no_format, 1), -1);
+    EXPECT_EQ(VoSnprintf(buffer, 0, "%d", 12), 2);
+    EXPECT_STREQ(buffer, "#######");
+    EXPECT_EQ(VoSnprintf(nullptr, 0, "%d", 12345), 5);
+    EXPECT_EQ(VoSnprintf(no_buffer, 10, "%d", 1), -1);
+    EXPECT_EQ(VoSnprintf(buffer, 8, "%s", "12345678901234567890"), 20);
+    EXPECT_STREQ(buffer, "1234567");
+    EXPECT_LT(VoSnprintf(buffer, 4, "%ls", L"\xdfff"), 0); // not a character
+    EXPECT_EQ(buffer[3], '\0');
 }
 
 TEST(SysError, NamesTheNumberAndCuts)
 {
-    char text[64];
-    EXPECT_EQ(_FormatSysError(2, text, sizeof text), text);
-    EXPECT_STREQ(text, "[errno 2]: No such file or directory");
-    errno = EACCES;
-    EXPECT_STREQ(FormatSysError(text, sizeof text), "[errno 13]: Permission denied");
-    const struct {
-        size_t size;
-        const char *expected;
-    } cases[] = {{1, ""}, {4, "[er"}, {12, "[errno 2]:"}, {15, "[errno 2]: No"}};
-    for (const auto &c : cases) {
-        memset(text, '#', sizeof text);
-        EXPECT_STREQ(_FormatSysError(2, text, c.size), c.expected);
-        EXPECT_EQ(text[c.size], '#');
+    const std::pair<size_t, const char *> cases[] = {{0, "#"},
+                                                     {1, ""},
+                                                     {4, "[er"},
+                                                     {12, "[errno 2]:"},
+                                                     {15, "[errno 2]: No"},
+                                                     {50, "[errno 2]: No such file or directory"}};
+    for (auto [size, expected] : cases) {
+        char text[] = "##################################################";
+        text[1] = size == 0 ? '\0' : '#';
+        errno = ENOENT;
+        EXPECT_STREQ(size % 2 == 0 ? FormatSysError(text, size) : _FormatSysError(2, text, size),
+                     expected);
     }
-    text[0] = '#';
-    EXPECT_EQ(_FormatSysError(2, text, 0)[0], '#');
 }
 
-TEST(Indent, PrintsBlanksBeforeTheMessage)
+TEST(Print, IndentsAndLeavesTextsUnchanged)
 {
-    const char *volatile no_format = nullptr;
     const std::string printed = support::capture(1, [&] {
         EXPECT_EQ(fprintf_indent(stdout, 4, "a%d\n", 1), 3);
         EXPECT_EQ(fprintf_indent(stdout, 0, "b\n"), 2);
-        EXPECT_EQ(fprintf_indent(stdout, -2, "c\n"), 2);
         EXPECT_EQ(fprintf_indent(stdout, 3, no_format, 0), -1);
     });
-    EXPECT_EQ(printed, "    a1\nb\n  c\n");
+    EXPECT_EQ(printed, "    a1\nb\n");
+    EXPECT_EQ(support::capture(2, [] { ConsoleMessage("100%d\n"); }), "100%d\n");
 }
 
 TEST(Memory, RoundsToMebibytesAndSurvivesWhatTheSystemSays)
@@ -73,11 +90,11 @@ TEST(Memory, RoundsToMebibytesAndSurvivesWhatTheSystemSays)
     } cases[] = {
         {"100000 2662 9 8\n", 10, 391}, // 10.4 MiB
         {"100000 2714 9 8\n", 11, 391}, // 10.6 MiB
-        {"5368717974 2 1\n", 0, 20971555}, {"12", 0, 0}, {"", 0, 0}, {"x 4", 0, 0}, {"5 x", 0, 0},
+        {"5368717974 2 1\n", 0, 20971555}, {"12", 0, 0}, {"", 0, 0}, {"5 x", 0, 0},
     };
+    uint64_t rss;
+    uint64_t virt;
     for (const auto &c : cases) {
-        uint64_t rss = 9;
-        uint64_t virt = 9;
         statm = c.text;
         get_rss_virt(&rss, nullptr);
         get_rss_virt(nullptr, &virt);
@@ -85,15 +102,25 @@ TEST(Memory, RoundsToMebibytesAndSurvivesWhatTheSystemSays)
         EXPECT_EQ(rss, c.rss) << c.text;
         EXPECT_EQ(virt, c.virt) << c.text;
     }
-    uint64_t rss = 0;
     get_rss_virt(&rss, nullptr);
     EXPECT_GT(rss, 0u);
     EXPECT_GT(get_ram_size_in_bytes(), rss << 20);
-    EXPECT_EQ(get_ram_size_in_bytes(), get_ram_size_in_bytes());
 }
 
-TEST(Console, WritesUnchanged)
+TEST(LeakHooks, CheckSizesOnceAndReportNothing)
 {
-    EXPECT_EQ(support::capture(2, [] { ConsoleMessage("100%d\n"); }), "100%d\n");
-    EXPECT_EQ(PrivCheck(), geteuid() == 0 ? 1 : 0);
+    const auto child = support::run_in_child([] {
+        zelmemdbg_prog_init("p");
+        return 0;
+    });
+    EXPECT_NE(child.err.find("\"sz_check == 0\" file libutil/memleak_dbg,"), std::string::npos);
+    size_check_result = 0;
+    zelmemdbg_prog_init(std::string(600, 'p').c_str());
+    EXPECT_EQ(std::string(g_zelmemdbg_progname, 512), std::string(512, 'p'));
+    size_check_result = -1; // not asked again
+    zelmemdbg_prog_init("short");
+    EXPECT_EQ(std::string(g_zelmemdbg_progname, 512), "short" + std::string(507, '\0'));
+    char message[4] = "abc";
+    EXPECT_EQ(zelmemdbg_prog_exit(message, sizeof message), 0);
+    EXPECT_STREQ(message, "");
 }

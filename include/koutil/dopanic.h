@@ -26,7 +26,7 @@ typedef void (*do_panic_fn_t)(char *str1, char *str2, int core, char *file, int 
  * exits with PanicNoCoreExitCode when `core` is 0. Null stands for the default. */
 KO_API extern do_panic_fn_t DoPanicFn;
 
-/* First word of every panic line; a host may overwrite it. */
+/* First word of every panic line; a host may overwrite it, to its last byte. */
 KO_API extern char PanicNomenclature[2048];
 
 /* Exit status of a panic that asks for no core dump. */

@@ -1,8 +1,9 @@
 /* fmt_syserror.h - the text of a system error number.
  *
  *     char text[64];
- *     Error_Output("open: %s\n", FormatSysError(text, sizeof text));   -> open: [errno 2]: No such
- * ...
+ *     Error_Output("open: %s\n", FormatSysError(text, sizeof text));
+ *
+ *     open: [errno 2]: No such file or directory
  *
  * Thread safety:  no state; any thread.
  */

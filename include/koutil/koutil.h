@@ -16,7 +16,7 @@
  *     writes a one-line description, cut to the size and terminated, and returns its status in any
  *     case.
  *  7. Texts are terminated byte strings. A text parameter declared `char *` where a hook's type
- * asks for it is still only read unless the function says that it edits in place.
+ *     asks for it is still only read unless the function says that it edits in place.
  *  8. Threads. Functions without state may be called from any thread; an object belongs to one
  *     thread at a time unless its header says more.
  *  9. The library has no constructors and no configuration of its own: hosts set the hooks and call

@@ -54,8 +54,8 @@ KO_API void LogToFile(int level, char *fmt, ...) KO_PRINTF(2, 3);
 
 /* Append to the log file `filename`, created with permission bits 0644 less the umask, and rotate
  * it when it passes `filesize` bytes; 0 or less means never. `filecount` older files are kept. The
- * name
- * "-" means standard error, which never rotates. What was set up before stays open and is replaced.
+ * name "-" means standard error, which never rotates. What was set up before stays open and is
+ * replaced.
  *
  * Returns 1, or 0 when the file cannot be opened; lines are then dropped but counted, and the setup
  * still needs its CloseLog. Also 0, with nothing changed, when memory for the name runs out. */
