@@ -9,6 +9,7 @@
 // The program only asks and prints. Exit status: 0, or 2 for an unknown option.
 #include "koutil/koutil.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <net/if.h>
@@ -102,9 +103,10 @@ Section describe_host(std::vector<std::string> &remarks)
             remarks.emplace_back("the host's name resolves to an address of another host");
         }
     } else {
-        char why[128];
-        remarks.emplace_back("the host's name does not resolve: " +
-                             std::string(FormatSysError(why, sizeof why)));
+        remarks.emplace_back(errno == ENOENT ? "the host's name is unknown or has no usable address"
+                             : errno == EAGAIN
+                                 ? "the host's name does not resolve now, the name server fails"
+                                 : "the host's name does not resolve, the resolver fails");
     }
     char system[256];
     GetOsVersion(system, sizeof system);

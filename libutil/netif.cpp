@@ -38,7 +38,7 @@ bool useful(const il_info &record)
     return has_mac || record.ipaddr.s_addr != 0 || !is_zero(record.ip6addr);
 }
 
-// A name that is too long for the kernel is cut: no interface has it.
+// A name that is too long for the kernel is cut.
 ifreq request_for(const char *ifname)
 {
     ifreq request = {};

@@ -378,11 +378,11 @@ int lookup_host_itself(const char *name, in46addr_t &address)
     if (result == 0) {
         result = pick_answer(answers, &local, address);
     }
-    if (result == 0) {
-        return make_public(address, true);
+    if (result != 0 && !is_unset(local.slots[0])) {
+        address = local.slots[0];
+        result = 0;
     }
-    address = local.slots[0];
-    return is_unset(address) ? result : 0;
+    return result;
 }
 
 int lookup_other(const char *name, in46addr_t &address, bool force_public)
@@ -527,7 +527,7 @@ int get_ifname_by_macaddr(const char *macaddr, char *ifname)
     for (int i = 0; i < iflist.count; i++) {
         const il_info &record = iflist.info[i];
         if (has_mac(record) && same_digits(macaddr, mac_digits(record))) {
-            memcpy(ifname, record.ifname, sizeof record.ifname);
+            memcpy(ifname, record.ifname, strlen(record.ifname) + 1);
             return 0;
         }
     }

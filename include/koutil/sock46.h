@@ -9,6 +9,8 @@
  *
  * Errors:         a failing platform call gives -1 with errno set. Calls are neither repeated after
  *                 a signal nor bounded in time, and descriptors are not close-on-exec.
+ *                 A socket of a third family is not refused: its address is read as an IPv6 one,
+ *                 other than by RecvFrom.
  * Ownership:      descriptors that are returned belong to the caller.
  * Units:          ports are in host order; addresses are in network order.
  * Thread safety:  no state; any thread may call every function.
@@ -68,14 +70,14 @@ KO_API int GetSockName(SOCKET_T ls, in46addr_t *a, uint16_t *port);
  *
  * With two sockets a `minport` of 0 stands for 49152 and a `maxport` of 0 for 65535. With one
  * socket a `minport` of 0 leaves the choice to the system, whatever `maxport` is. Ports outside 1
- * to 65535 are never tried.
+ * to 65535 are never tried. SO_REUSEADDR is set as BindSameSockOpts does.
  *
  * Where the IPv4 socket gets a port that the IPv6 socket cannot have, the IPv4 socket is closed and
  * `*s4` replaced by a fresh one of the same type: options set on it earlier are lost. Both sockets
  * can only get the same port when the IPv6 one has IPV6_V6ONLY set, or both share addresses.
  *
- * Returns the port; 0 when no port of the range could be bound to; -1 on a failure of the system,
- * errno being set: `*s4` then holds a socket that is still open, or -1. */
+ * Returns the port; 0 when no port of the range could be bound to or both sockets are -1; -1 on a
+ * failure of the system, errno being set: `*s4` then holds a socket that is still open, or -1. */
 KO_API int BindSame(SOCKET_T *s4, SOCKET_T *s6, int minport, int maxport);
 
 /* Set SO_REUSEADDR on the sockets that are not -1, when `sockettype` is SOCK_STREAM and a range is

@@ -84,8 +84,8 @@ KO_API void enumerate_mac_addrs(mac_addrs_t *macs);
  * the resolver. */
 KO_API void enumerate_auth_ids(mac_addrs_t *macs);
 
-/* Find the interface with a MAC, given as 12 hexadecimal digits of any case. `ifname` has room for
- * 64 bytes.
+/* Find the interface with a MAC, given as 12 hexadecimal digits of any case, and write its name
+ * into `ifname`: at most 63 characters and the terminator.
  *
  * Returns 0, or -1 when no interface has it, `ifname` then being untouched. */
 KO_API int get_ifname_by_macaddr(const char *macaddr, char *ifname);
