@@ -4,40 +4,36 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <functional>
 #include <sys/stat.h>
 #include <thread>
 
 namespace
 {
 
-void print_texts()
-{
-    printf("%s|%s|%s|%s|%s|%s\n", BrandName, BrandAbbrv, BrandPrompt, BrandCompany, BrandBitmap,
-           BrandIcon);
-}
-
-// Reads the branding file below `root` in a fresh process; `then` runs after the first reading.
-std::string texts(
-    const std::string &root, const std::function<void()> &then = [] {})
+// Prints the texts as the files with the given contents leave them, one after the other.
+std::string texts(const std::string &root, const std::vector<std::string> &files)
 {
     return support::run_in_child([&] {
                setenv("VORNROOT", root.c_str(), 1);
-               configure_branding();
-               print_texts();
-               then();
+               configure_branding(); // finds no file
+               for (const std::string &text : files) {
+                   if (!text.empty()) {
+                       support::write_file(root + "/oem/oem.inf", text);
+                   }
+                   configure_branding();
+                   printf("%s|%s|%s|%s|%s|%s\n", BrandName, BrandAbbrv, BrandPrompt, BrandCompany,
+                          BrandBitmap, BrandIcon);
+               }
+               unlink((root + "/oem/oem.inf").c_str());
                return 0;
            })
         .out;
 }
 
-std::string with(const std::string &dir, const char *name = "Kovaline", const char *abbrv = "KOVA",
-                 const char *prompt = "koadmin", const char *company = "Zelkor")
+std::string with(const std::string &dir, const std::string &name = "Kovaline",
+                 const char *others = "KOVA|koadmin|Zelkor")
 {
-    return std::string(name) + "|" + abbrv + "|" + prompt + "|" + company + "||" +
-           (dir + "/oem/icon.ico").substr(0, 127) + "\n";
+    return name + "|" + others + "||" + (dir + "/oem/icon.ico").substr(0, 127) + "\n";
 }
 
 } // namespace
@@ -46,7 +42,6 @@ TEST(Branding, TakesKeywordsAndValuesAsTheLinesHaveThem)
 {
     const support::TempDir dir;
     const std::string &root = dir.path();
-    const std::string file = dir / "oem/oem.inf";
     ASSERT_EQ(mkdir((dir / "oem").c_str(), 0755), 0);
     const std::string forty = "0123456789012345678901234567890123456789";
     const struct {
@@ -59,39 +54,21 @@ TEST(Branding, TakesKeywordsAndValuesAsTheLinesHaveThem)
         {"\t BrandName\tTab\tbed", with(root, "Tab\tbed")},
         {"brandname Example\nBrandNames x\n# BrandName x\n#BrandName x\n", with(root)},
         {"BrandName\nBrandName \nBrandName\r\nBrandName \r x\n\n \n", with(root)},
-        {"BrandName " + forty + "\n", with(root, forty.substr(0, 32).c_str())},
+        {"BrandName " + forty + "\n", with(root, forty.substr(0, 32))},
         {"BrandName " + forty + "\nBrandName x\n", with(root, "x")},
         {"BrandCompanyAbbreviation XYZ\nBrandCompany no\nBrandPrompt p\nBrandAbbrv A\nBrandIcon i",
-         with(root, "Kovaline", "A", "p", "XYZ")},
+         with(root, "Kovaline", "A|p|XYZ")},
         {std::string(255, 'x') + "BrandName late\n", with(root, "late")},
-        {std::string("BrandName a\0b\nBrandAbbrv B\n", 27), with(root, "a", "B")},
+        {std::string("BrandName a\0b\nBrandAbbrv B\n", 27), with(root, "a", "B|koadmin|Zelkor")},
     };
     for (const auto &each : cases) {
-        support::write_file(file, each.text);
-        EXPECT_EQ(texts(root), each.expected) << each.text;
+        EXPECT_EQ(texts(root, {each.text}), each.expected) << each.text;
     }
-}
-
-TEST(Branding, LooksForAMissingFileAgainAndReadsAFoundOneOnce)
-{
-    const support::TempDir dir;
-    const std::string &root = dir.path();
-    ASSERT_EQ(mkdir((dir / "oem").c_str(), 0755), 0);
-    const auto out = texts(root, [&] {
-        support::write_file(dir / "oem/oem.inf", "BrandName One\n");
-        configure_branding();
-        print_texts();
-        support::write_file(dir / "oem/oem.inf", "BrandName Two\n");
-        configure_branding();
-        print_texts();
-    });
-    EXPECT_EQ(out, with(root) + with(root, "One") + with(root, "One"));
-}
-
-TEST(Branding, CutsWhatALongDirectoryMakesTooLong)
-{
-    const std::string root = "/" + std::string(245, 'd');
-    EXPECT_EQ(texts(root), with(root));
+    // A file that was read is not read again; a directory too long is cut, and has no file.
+    EXPECT_EQ(texts(root, {"BrandName One", "BrandName Two"}),
+              with(root, "One") + with(root, "One"));
+    const std::string deep = "/" + std::string(245, 'd');
+    EXPECT_EQ(texts(deep, {""}), with(deep));
 }
 
 // With a missing file the texts may be read while other threads configure them.
@@ -107,10 +84,10 @@ TEST(Branding, RepeatedDefaultsDisturbNoReader)
         });
         int faults = 0;
         for (int i = 0; i < 2000; i++) {
-            faults += std::string_view(BrandName) != "Kovaline";
+            faults += BrandName != std::string_view("Kovaline");
         }
         writer.join();
-        return faults == 0 ? 0 : 1;
+        return faults;
     });
     EXPECT_TRUE(outcome.exited(0)) << outcome.err;
 }

@@ -6,9 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-#include <optional>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -22,6 +19,16 @@ void record(int type, char *text)
     reports += std::to_string(type) + " " + text;
 }
 
+// The three results as one text; the reports go to `reports`.
+std::string read(int verbose)
+{
+    uint16_t ports[3] = {7, 7, 7};
+    reports.clear();
+    genportrange(&ports[0], &ports[1], &ports[2], verbose);
+    return std::to_string(ports[0]) + " " + std::to_string(ports[1]) + " " +
+           std::to_string(ports[2]);
+}
+
 } // namespace
 
 // Takes the place of the system log for the library too.
@@ -32,72 +39,50 @@ extern "C" void syslog(int priority, const char *format, ...)
     va_start(args, format);
     vsnprintf(text, sizeof text, format, args);
     va_end(args);
-    reports += "syslog " + std::to_string(priority) + " " + text;
+    reports += (priority == LOG_INFO      ? "info "
+                : priority == LOG_WARNING ? "warning "
+                                          : "?") +
+               std::string(text);
 }
 
-namespace
+TEST(FsPorts, ReadsValuesAndReportsWhatItIgnores)
 {
-
-class FsPorts : public ::testing::Test
-{
-  protected:
-    static void SetUpTestSuite()
-    {
-        dir.emplace();
-        // Longer than any fixed buffer for a path.
-        config = dir->path();
-        while (config.size() < 300) {
-            config += "/" + std::string(100, 'c');
-        }
-        ASSERT_EQ(system(("mkdir -p " + config).c_str()), 0);
-        setenv("VORNCONF", config.c_str(), 1);
+    const support::TempDir dir;
+    std::string config = dir.path(); // longer than any fixed buffer for a path
+    for (int i = 0; i < 3; i++) {
+        config += "/" + std::string(100, 'c');
+        ASSERT_EQ(system(("mkdir " + config).c_str()), 0);
     }
-    static void TearDownTestSuite() { dir.reset(); }
-
-    void SetUp() override { WriteLog = record; }
-
-    // The three results as one text; the reports go to `reports`.
-    static std::string read(const std::string &text, int verbose = 0)
-    {
-        support::write_file(config + "/fsports", text);
-        return read_again(verbose);
-    }
-    static std::string read_again(int verbose = 0)
-    {
-        uint16_t ports[3] = {7, 7, 7};
-        reports.clear();
-        genportrange(&ports[0], &ports[1], &ports[2], verbose);
-        return std::to_string(ports[0]) + " " + std::to_string(ports[1]) + " " +
-               std::to_string(ports[2]);
-    }
-
-    static inline std::optional<support::TempDir> dir;
-    static inline std::string config;
-};
-
-} // namespace
-
-TEST_F(FsPorts, ReadsValuesAndReportsWhatItIgnores)
-{
+    setenv("VORNCONF", config.c_str(), 1);
     const std::string top = "2 fsports: max port set to 65535\n";
-    const auto invalid = [](const std::string &value, int line) {
-        return "2 fsports: Invalid value (" + value + ") specified on line " +
-               std::to_string(line) + " - ignored.\n";
+    const auto invalid = [](const std::string &value, const std::string &line) {
+        return "2 fsports: Invalid value (" + value + ") specified on line " + line +
+               " - ignored.\n";
     };
     const struct {
         std::string text;
         const char *ports;
         std::string reports;
+        int verbose = 0;
+        void (*hook)(int, char *) = record;
     } cases[] = {
         {"", "0 0 0", ""},
-        {"minport 20000\nmaxport 20100\n", "20000 20100 0", ""},
+        {"minport 20000\nmaxport 20100\naltpmap 9\n", "20000 20100 9",
+         "0 fsports: min port set to 20000\n0 fsports: max port set to 20100\n"
+         "0 fsports: altpmap port set to 9\n",
+         1},
+        {"minport 5%s\nmaxport %s", "5 65535 0",
+         "info fsports: min port set to 5\n"
+         "warning fsports: Invalid value (0) specified on line 2 - ignored.\n"
+         "warning fsports: max port set to 65535\n",
+         1, nullptr},
         {"MINPORT 0x4E20\nMaxPort\t047040 junk", "20000 20000 0", ""},
         {"minport 20000\n", "20000 65535 0", top},
         {"minport 20000\nmaxport 100\n", "20000 65535 0", top},
         {"maxport 100\n", "1 100 0", ""},
         {"altpmap 1\naltpmap 65535\r\n", "0 0 65535", ""},
         {"minport 70000\nminport 0\nminport x\nminport 99999999999999999999\n", "0 0 0",
-         invalid("70000", 1) + invalid("0", 2) + invalid("0", 3) + invalid("-1", 4)},
+         invalid("70000", "1") + invalid("0", "2") + invalid("0", "3") + invalid("-1", "4")},
         {"port 5\nport\n", "0 0 0",
          "2 fsports: Unsupported directive 'port' on line 1\n"
          "2 fsports: Unsupported directive 'port' on line 2\n"},
@@ -107,46 +92,26 @@ TEST_F(FsPorts, ReadsValuesAndReportsWhatItIgnores)
          "2 fsports: Unsupported directive 'port' on line 3\n"},
     };
     for (const auto &each : cases) {
-        EXPECT_EQ(read(each.text), each.ports) << each.text;
+        support::write_file(config + "/fsports", each.text);
+        WriteLog = each.hook;
+        EXPECT_EQ(read(each.verbose), each.ports) << each.text;
         EXPECT_EQ(reports, each.reports) << each.text;
     }
-}
 
-TEST_F(FsPorts, ReportsAcceptedValuesOnDemand)
-{
-    EXPECT_EQ(read("minport 20000\nmaxport 20100\naltpmap 9\n", 1), "20000 20100 9");
-    EXPECT_EQ(reports, "0 fsports: min port set to 20000\n0 fsports: max port set to 20100\n"
-                       "0 fsports: altpmap port set to 9\n");
-}
-
-TEST_F(FsPorts, WithoutAHookWarningsAndInformationReachTheSystemLog)
-{
-    WriteLog = nullptr;
-    read("minport 5%s\nmaxport %s", 1);
-    EXPECT_EQ(reports, "syslog " + std::to_string(LOG_INFO) + " fsports: min port set to 5\n" +
-                           "syslog " + std::to_string(LOG_WARNING) +
-                           " fsports: Invalid value (0) specified on line 2 - ignored.\n" +
-                           "syslog " + std::to_string(LOG_WARNING) +
-                           " fsports: max port set to 65535\n");
-    ASSERT_EQ(unlink((config + "/fsports").c_str()), 0);
-    read_again();
-    EXPECT_EQ(reports, "");
-}
-
-TEST_F(FsPorts, AMissingFileMeansNoRange)
-{
-    unlink((config + "/fsports").c_str());
-    EXPECT_EQ(read_again(1), "0 0 0");
-    EXPECT_EQ(reports, "1 No fsports file - port range enforcement disabled.\n");
+    // One end alone is not completed, a missing file means no range.
+    WriteLog = record;
+    support::write_file(config + "/fsports", "minport 5\n");
     reports.clear();
     uint16_t port = 7;
+    genportrange(&port, nullptr, nullptr, 0);
+    EXPECT_EQ(port, 5);
+    ASSERT_EQ(unlink((config + "/fsports").c_str()), 0);
     genportrange(nullptr, nullptr, &port, 1);
     EXPECT_EQ(port, 0);
     EXPECT_EQ(reports, "");
-    read("minport 5\n");
-    reports.clear();
-    port = 7;
-    genportrange(&port, nullptr, nullptr, 0);
-    EXPECT_EQ(port, 5);
+    EXPECT_EQ(read(1), "0 0 0");
+    EXPECT_EQ(reports, "1 No fsports file - port range enforcement disabled.\n");
+    WriteLog = nullptr;
+    read(1);
     EXPECT_EQ(reports, "");
 }

@@ -4,10 +4,11 @@
  * configure_branding sets the texts below to their defaults and reads the file over them; programs
  * read the texts directly.
  *
- * The file: one keyword a line, followed by one blank or tab and the value, which runs to the end
- * of the line, further blanks included. A value keeps its first 32 characters. Other lines are
- * ignored, also those that begin with "#"; keywords are compared with case. Lines are read up to
- * 255 characters.
+ * The file: one keyword a line, perhaps after blanks, followed by one blank or tab and the value,
+ * which runs to the end of the line, further blanks included. A value keeps its first 32
+ * characters. Other lines are ignored, also keywords without a value and lines that begin with "#";
+ * keywords are compared with case. Lines are read up to 255 characters; what is longer counts as a
+ * further line.
  *
  *     text           default        keyword
  *     BrandName      "Kovaline"     BrandName
@@ -62,8 +63,8 @@ typedef struct keywordTbl_s {
 KO_API extern keywordTbl_t keywordTbl[BRAND_KEYWORDS];
 
 /* Set the texts to their defaults and read the branding file over them. Once a file has been read
- * this returns at once: later changes of the file are not seen. A missing file leaves the defaults
- * and is looked for again by the next call. */
+ * this returns at once: later changes of the file are not seen. A file that cannot be opened leaves
+ * the defaults and is looked for again by the next call. */
 KO_API void configure_branding(void);
 
 KO_END_DECLS
