@@ -180,8 +180,14 @@ TEST(KovaRmPath, WalksTheDeepestTreeOnASmallStackAndRefusesLongerPaths)
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setstacksize(&attr, 256 * 1024);
-    pthread_setattr_default_np(&attr);
-    std::thread([&] { EXPECT_EQ(KovaRmPath(top.c_str()), 0); }).join();
+    pthread_t thread;
+    const auto body = [](void *arg) -> void * {
+        EXPECT_EQ(KovaRmPath(static_cast<const char *>(arg)), 0);
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, &attr, body, const_cast<char *>(top.c_str())), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attr);
     EXPECT_FALSE(file_exists(top));
 }
 
