@@ -960,8 +960,12 @@ int utf8casecmp(const UTF8 *s1, const UTF8 *s2)
             const unsigned stops = ascii_stops(load_run(s1 + at), load_run(s2 + at));
             if (stops != 0) {
                 at += __builtin_ctz(stops);
-                if ((s1[at] | s2[at]) == 0) {
+                const unsigned both = s1[at] | s2[at];
+                if (both == 0) {
                     return 0;
+                }
+                if (both < 0x80) {
+                    return ascii_lower(s1[at]) - ascii_lower(s2[at]);
                 }
                 break;
             }

@@ -37,16 +37,6 @@ struct Outcome {
     bool operator==(const Outcome &) const = default;
 };
 
-template <typename To>
-void PrintTo(const Outcome<To> &outcome, std::ostream *out)
-{
-    *out << "result " << outcome.result << " consumed " << outcome.consumed << " produced "
-         << outcome.produced << " target" << std::hex;
-    for (To unit : outcome.target) {
-        *out << ' ' << unsigned{unit};
-    }
-}
-
 constexpr int background = 0x5A; // what a target holds before
 
 int trailing(UTF8 lead)
@@ -178,22 +168,14 @@ Outcome<UTF8> plain_encode(const Units &s, size_t room, unsigned flags, bool ter
     return out;
 }
 
-// An array that ends where its memory ends and begins `offset` elements behind where that begins.
+// A text that ends where its memory ends and begins `offset` elements behind where that begins.
 template <typename T>
-class Exact
+std::vector<T> placed(const std::vector<T> &text, size_t offset, bool terminated)
 {
-  public:
-    Exact(size_t size, size_t offset)
-        : memory_(new T[offset + size])
-        , begin_(memory_.get() + offset)
-    {
-    }
-    T *get() const { return begin_; }
-
-  private:
-    std::unique_ptr<T[]> memory_;
-    T *begin_;
-};
+    std::vector<T> memory(offset + text.size() + (terminated ? 1 : 0));
+    std::copy(text.begin(), text.end(), memory.begin() + ptrdiff_t(offset));
+    return memory;
+}
 
 auto converter(const UTF8 *, const UTF16 *)
 {
@@ -208,20 +190,16 @@ template <typename To, typename From>
 Outcome<To> run(const std::vector<From> &s, size_t room, unsigned flags, bool terminated,
                 size_t offset)
 {
-    const Exact<From> source(s.size() + (terminated ? 1 : 0), offset);
-    const Exact<To> target(room, offset);
-    std::copy(s.begin(), s.end(), source.get());
-    if (terminated) {
-        source.get()[s.size()] = 0;
-    }
-    std::fill_n(target.get(), room, static_cast<To>(background));
-    const From *from = source.get();
-    To *to = target.get();
+    ++offset; // an empty source has an address too
+    const std::vector<From> memory = placed(s, offset, terminated);
+    std::vector<To> target(offset + room, background);
+    const From *const source = memory.data() + offset;
+    const From *from = source;
+    To *const start = target.data() + offset;
+    To *to = start;
     const ConversionResult result = converter(from, to)(
-        &from, terminated ? nullptr : source.get() + s.size(), &to, target.get() + room, flags);
-    return {result, static_cast<size_t>(from - source.get()),
-            static_cast<size_t>(to - target.get()),
-            std::vector<To>(target.get(), target.get() + room)};
+        &from, terminated ? nullptr : source + s.size(), &to, start + room, flags);
+    return {result, size_t(from - source), size_t(to - start), {start, start + room}};
 }
 
 // Holds the conversion against the plain rules, with the processor's wide steps and without.
@@ -399,16 +377,12 @@ TEST(Utf8, ConversionsByExample)
     }
     const struct {
         Units source;
-        unsigned flags;
-        size_t room;
+        unsigned flags, room;
         ConversionResult result;
         std::string text;
     } encodes[] = {
-        {{0xF001, 0xF028, 0xF02A, 0xF000},
-         sfmConversion,
-         9,
-         conversionOK,
-         std::string("\x01 \xEF\x80\xAA\0", 6)},
+        {{0xF001, 0xF028, 0xF02A}, sfmConversion, 9, conversionOK, "\x01 \xEF\x80\xAA"},
+        {{'a', 0xF000}, sfmConversion, 9, conversionOK, std::string("a\0", 2)},
         {{0xD800}, strictConversion, 9, conversionOK, "\xED\xA0\x80"},
         {{0xD800, 'x'}, strictConversion, 9, sourceIllegal, ""},
         {{0xD800, 'x'}, 0, 9, conversionOK, "\xED\xA0\x80x"},
@@ -423,21 +397,19 @@ TEST(Utf8, ConversionsByExample)
                   c.text);
         EXPECT_EQ(out.consumed, c.result == conversionOK ? c.source.size() : 0);
     }
-    const Exact<UTF8> cut(1, 0);
-    *cut.get() = 0xC3;
-    EXPECT_EQ(isLegalUTF8Sequence(cut.get() + 1, cut.get() + 1), 0);
-    EXPECT_EQ(isLegalUTF8Sequence(cut.get(), cut.get() + 1), 0);
+    const Bytes cut = {0xC3};
+    EXPECT_EQ(isLegalUTF8Sequence(cut.data() + 1, cut.data() + 1), 0);
+    EXPECT_EQ(isLegalUTF8Sequence(cut.data(), cut.data() + 1), 0);
 }
 
 namespace
 {
 
-std::string changed(std::string text, void (*change)(UTF8 *))
+std::string changed(const std::string &text, void (*change)(UTF8 *))
 {
-    const Exact<UTF8> exact(text.size() + 1, 0);
-    memcpy(exact.get(), text.c_str(), text.size() + 1);
-    change(exact.get());
-    return reinterpret_cast<const char *>(exact.get());
+    Bytes exact = placed(bytes(text), 0, true);
+    change(exact.data());
+    return reinterpret_cast<const char *>(exact.data());
 }
 
 UTF32 looked_up(const utf8hashbkt_t *table, UTF32 key)
@@ -501,11 +473,11 @@ int plain_compare(const Bytes &s1, const Bytes &s2, int n)
 
 int compare(const Bytes &s1, const Bytes &s2, int n, size_t offset)
 {
-    const Exact<UTF8> a(s1.size() + 1, offset);
-    const Exact<UTF8> b(s2.size() + 1, offset / 2);
-    *std::copy(s1.begin(), s1.end(), a.get()) = 0;
-    *std::copy(s2.begin(), s2.end(), b.get()) = 0;
-    return n < 0 ? utf8casecmp(a.get(), b.get()) : utf8ncasecmp(a.get(), b.get(), n);
+    const Bytes memory1 = placed(s1, offset, true);
+    const Bytes memory2 = placed(s2, offset / 2, true);
+    const UTF8 *const a = memory1.data() + offset;
+    const UTF8 *const b = memory2.data() + offset / 2;
+    return n < 0 ? utf8casecmp(a, b) : utf8ncasecmp(a, b, n);
 }
 
 } // namespace
@@ -586,6 +558,7 @@ TEST(Utf8Case, ComparisonsByExample)
         {"\xC3", "à", -1, -1},
         {"\xC3", "\xC3", 9, 0},
         {"abcdefghijklmnopqrstuvwX", "ABCDEFGHIJKLMNOPQRSTUVWx", -1, 0},
+        {"a_report_of_2O24", "A_Report_of_2o23", -1, 1},
     };
     for (const auto &c : cases) {
         EXPECT_EQ(compare(bytes(c.s1), bytes(c.s2), c.n, 0), c.expected) << c.s1 << " " << c.s2;

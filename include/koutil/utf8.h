@@ -13,7 +13,8 @@
  *     UTF-16   F000-F01F    F020  F021  F022  F023  F024  F025  F026  F027  F028   F029
  *
  * Text:           no function here validates more than it says; the case routines take any bytes.
- * Memory:         nothing is allocated. Nothing is read past a terminator or an end.
+ * Memory:         nothing is allocated. Nothing is read past an end. Behind a terminator nothing
+ *                 counts, though the comparisons may load what follows it in its page of memory.
  * Thread safety:  no state; any thread may call every function.
  *
  *     const UTF8 *from = name;
