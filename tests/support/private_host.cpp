@@ -2,14 +2,11 @@
 #include "support/private_host.h"
 
 #include <arpa/inet.h>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
 #include <unistd.h>
-#include <utility>
 
 namespace support
 {
@@ -17,6 +14,7 @@ namespace support
 namespace
 {
 
+// An empty /etc keeps the host's resolver out.
 bool enter_namespaces()
 {
     constexpr int kNamespaces = CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWUTS;
@@ -28,20 +26,8 @@ bool enter_namespaces()
         write_file("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
     }
     return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           sethostname("mynode", 6) == 0 && system("ip link set lo up 2>/dev/null") == 0;
-}
-
-// Puts an empty file of this process's own over a file of /etc.
-void cover(const char *path)
-{
-    char name[] = "/tmp/koutil-cover.XXXXXX";
-    close(mkstemp(name));
-    const bool covered = mount(name, path, nullptr, MS_BIND, nullptr) == 0;
-    unlink(name);
-    if (!covered) {
-        perror(path);
-        _exit(kRefused);
-    }
+           mount("none", "/etc", "tmpfs", 0, nullptr) == 0 && sethostname("mynode", 6) == 0 &&
+           system("ip link set lo up 2>/dev/null") == 0;
 }
 
 } // namespace
@@ -53,38 +39,24 @@ Outcome run_in_private_host(const std::function<int()> &body)
 
 void run_commands(const std::string &lines)
 {
-    if (system(("set -e\n" + lines).c_str()) != 0) {
-        fprintf(stderr, "failed: %s\n", lines.c_str());
-        fflush(nullptr);
+    if (system(("set -ex\n" + lines).c_str()) != 0) {
         _exit(99);
     }
 }
 
 void set_resolver(const std::string &hosts, const std::string &sources)
 {
-    static bool covered = false;
-    const std::pair<const char *, std::string> files[] = {
-        {"/etc/hosts", hosts},
-        {"/etc/nsswitch.conf", "hosts: " + sources + "\n"},
-        {"/etc/resolv.conf", "nameserver 127.0.0.1\noptions timeout:1 attempts:1\n"}};
-    for (const auto &[path, text] : files) {
-        if (!covered) {
-            cover(path);
-        }
-        write_file(path, text);
-    }
-    covered = true;
+    write_file("/etc/host.conf", "multi on\n");
+    write_file("/etc/hosts", hosts);
+    write_file("/etc/nsswitch.conf", "hosts: " + sources + "\n");
+    write_file("/etc/resolv.conf", "nameserver 127.0.0.1\noptions timeout:1 attempts:1\n");
 }
 
 NameServer::NameServer()
     : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
 {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(53);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
-        perror("bind");
+    const sockaddr_in address = {AF_INET, htons(53), {htonl(INADDR_LOOPBACK)}, {}};
+    if (bind(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         _exit(99);
     }
     thread_ = std::thread([this] { serve(); });
@@ -99,24 +71,16 @@ NameServer::~NameServer()
 
 void NameServer::serve()
 {
-    for (;;) {
-        unsigned char message[512];
-        sockaddr_in from;
-        socklen_t length = sizeof from;
-        const ssize_t got = recvfrom(socket_, message, sizeof message, 0,
-                                     reinterpret_cast<sockaddr *>(&from), &length);
-        if (got < 13) {
-            return;
-        }
+    unsigned char message[512];
+    sockaddr from;
+    socklen_t length = sizeof from;
+    for (ssize_t got; (got = recvfrom(socket_, message, sizeof message, 0, &from, &length)) > 13;) {
         queries_++;
         const std::string name(reinterpret_cast<char *>(message) + 13, message[12]);
-        const bool exists = name.rfind("nodata", 0) == 0;
-        const bool fails = name.rfind("fail", 0) == 0;
-        message[2] = static_cast<unsigned char>(message[2] | 0x80); // an answer,
-        message[3] = fails ? 0x82 : exists ? 0x80 : 0x83;           // with this outcome
-        memset(message + 6, 0, 6);                                  // and no record behind it
-        sendto(socket_, message, static_cast<size_t>(got), 0, reinterpret_cast<sockaddr *>(&from),
-               length);
+        message[2] |= 0x80; // an answer, with this outcome and no record behind it
+        message[3] = name == "fail" ? 0x82 : name == "nodata" ? 0x80 : 0x83;
+        memset(message + 6, 0, 6);
+        sendto(socket_, message, static_cast<size_t>(got), 0, &from, length);
     }
 }
 

@@ -31,8 +31,8 @@ void run_commands(const std::string &lines);
 // line ("files", "files dns"). The name server is 127.0.0.1.
 void set_resolver(const std::string &hosts, const std::string &sources);
 
-// A name server on 127.0.0.1 that knows no address. A name that begins with "nodata" exists, one
-// that begins with "fail" makes the server fail, every other is unknown.
+// A name server on 127.0.0.1 that knows no address. The name "nodata" exists, "fail" makes
+// the server fail, every other is unknown.
 class NameServer
 {
   public:
