@@ -76,19 +76,14 @@ TEST(Deadline, AddsTheIncrementWithItsCarryAndBacksOff)
 
 TEST(Stopwatch, MeasuresBothWaysRoundTheSecond)
 {
-    double between, since, own_since;
-    timeval own;
+    double between, since;
     frozen_clock = {1000, 900'000};
     start_timer();
-    get_start_timer(&own);
     frozen_clock = {1002, 150'000};
     end_timer();
-    get_end_timer(&own, &own_since);
     frozen_clock = {999, 900'000};
     get_timer(&between);
     get_elapsed_time(&since);
-    frozen_clock = {};
     EXPECT_DOUBLE_EQ(between, 1.25);
-    EXPECT_DOUBLE_EQ(own_since, 1.25);
     EXPECT_DOUBLE_EQ(since, -1.0);
 }

@@ -1,7 +1,6 @@
 // queue_util_test.cpp - order, limits, idling and shutdown of work queues; the block pool.
 #include "koutil/queue_util.h"
 
-#include "koutil/dopanic.h"
 #include "koutil/msleep.h"
 #include "koutil/thread_common.h"
 #include "support/support.h"
@@ -9,16 +8,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
-#include <cstdio>
-#include <dlfcn.h>
 #include <semaphore.h>
-#include <string>
 #include <thread>
 #include <unistd.h>
-#include <vector>
-
-static std::string failing_call; // the library's call that fails
 
 // Makes an idle period of a second last 20 ms.
 extern "C" void set_timespec(struct timespec *tsp, uint64_t nan_incr)
@@ -27,34 +19,15 @@ extern "C" void set_timespec(struct timespec *tsp, uint64_t nan_incr)
     set_timespec_core(tsp, nan_incr / 50, 0);
 }
 
-extern "C" int vo_thread_cond_init(thread_cond_t *cond, const pthread_condattr_t *attr)
-{
-    return failing_call == "cond" ? ENOMEM : pthread_cond_init(&cond->cond, attr);
-}
-
-extern "C" int THREAD_CREATE(pthread_t *thread, const pthread_attr_t *attr,
-                             void *(*start_routine)(void *), void *arg)
-{
-    using create_fn = int (*)(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
-    static const auto create = reinterpret_cast<create_fn>(dlsym(RTLD_NEXT, "THREAD_CREATE"));
-    return failing_call == "thread" ? EAGAIN : create(thread, attr, start_routine, arg);
-}
-
 namespace
 {
 
 std::atomic<int> ran;
 std::atomic<int> hooks;
-std::vector<uint64_t> order; // by the single worker
 
 void count(void *)
 {
     ran++;
-}
-
-void note(void *arg)
-{
-    order.push_back(static_cast<commblk_t *>(arg)->qkey1);
 }
 
 void hook(void *)
@@ -62,234 +35,126 @@ void hook(void *)
     hooks++;
 }
 
-// A work item that holds a worker until it is let go.
-class Gate
+msgqueue_t *create(int workers, int capacity, int refuse)
 {
-  public:
-    Gate()
-    {
-        sem_init(&entered_, 0, 0);
-        sem_init(&open_, 0, 0);
-        block_.buffer = reinterpret_cast<char *>(this);
-    }
-    void occupy(msgqueue_t *queue)
-    {
-        EXPECT_EQ(queue_add_work(queue, pass, &block_), 0);
-        sem_wait(&entered_);
-    }
-    void open() { sem_post(&open_); }
+    kova_thread_init();
+    ran = hooks = 0;
+    return queue_create(workers, capacity, refuse, hook);
+}
 
-  private:
-    static void pass(void *arg)
-    {
-        auto *self = reinterpret_cast<Gate *>(static_cast<commblk_t *>(arg)->buffer);
-        sem_post(&self->entered_);
-        sem_wait(&self->open_);
-        ran++;
-    }
-
-    commblk_t block_{};
-    sem_t entered_;
-    sem_t open_;
-};
-
-class WorkQueue : public ::testing::Test
+void destroy(msgqueue_t *queue)
 {
-  protected:
-    void SetUp() override
-    {
-        kova_thread_init();
-        ran = 0;
-        hooks = 0;
-        order.clear();
-    }
-    msgqueue_t *create(int workers, int capacity, int refuse, queue_hook_t cleanup = nullptr,
-                       int idle_time = 0, queue_hook_t idle = nullptr)
-    {
-        queue_ = queue_create_with_idle(workers, capacity, refuse, cleanup, idle_time, idle);
-        return queue_;
-    }
-    void destroy() // after shutdown_queue
-    {
-        pthread_mutex_lock(&queue_->queue_lock.mutex); // the last worker is out of it
-        pthread_mutex_unlock(&queue_->queue_lock.mutex);
-        free(queue_->threads);
-        free(queue_);
-    }
-
-  private:
-    msgqueue_t *queue_ = nullptr;
-};
+    shutdown_queue(queue);
+    EXPECT_EQ(queue->num_threads, 0);
+    free(queue->threads);
+    free(queue);
+}
 
 } // namespace
 
-TEST_F(WorkQueue, ServesByPriorityThenByArrival)
+TEST(WorkQueue, ServesByPriorityThenByArrival)
 {
-    msgqueue_t *queue = create(1, 100, 0);
-    Gate gate;
-    gate.occupy(queue);
-    // The first add of each pair is by priority, or ordinary whatever its block says.
-    const struct {
-        uint32_t priority;
-        bool by_priority;
-    } adds[] = {{0, true}, {5, true},  {3, true}, {5, true},
-                {0, true}, {9, false}, {4, true}, {9, true}};
-    commblk_t blocks[std::size(adds)] = {};
-    for (size_t i = 0; i < std::size(adds); i++) {
-        blocks[i].qkey1 = i;
-        blocks[i].priority = adds[i].priority;
-        const auto add = adds[i].by_priority ? queue_add_work_pri : queue_add_work;
-        EXPECT_EQ(add(queue, note, &blocks[i]), 0);
+    static std::vector<long> order;
+    static commblk_t blocks[10];
+    static sem_t entered, open;
+    sem_init(&entered, 0, 0);
+    sem_init(&open, 0, 0);
+    const auto hold = [](void *) { sem_post(&entered), sem_wait(&open); };
+    const auto note = [](void *arg) { order.push_back(static_cast<commblk_t *>(arg) - blocks); };
+    msgqueue_t *queue = create(1, 9, 1);
+    EXPECT_EQ(queue_add_work(queue, hold, &blocks[8]), 0);
+    sem_wait(&entered);
+    const uint32_t priorities[] = {0, 5, 3, 5, 0, 9, 4, 9};
+    for (size_t i = 0; i < std::size(priorities); i++) {
+        blocks[i].priority = priorities[i];
+        // Block 5 is ordinary whatever it says.
+        EXPECT_EQ((i == 5 ? queue_add_work : queue_add_work_pri)(queue, note, &blocks[i]), 0);
     }
-    gate.open();
+    EXPECT_EQ(queue_add_work(queue, note, &blocks[9]), -1); // the running item counts
+    sem_post(&open);
     wait_queue_empty(queue);
-    // The ordinary block 5 stands at the tail with a 9 in it, so 6 goes behind it.
-    EXPECT_EQ(order, (std::vector<uint64_t>{7, 1, 3, 2, 0, 4, 5, 6}));
-    EXPECT_EQ(blocks[5].priority, 9u);
-    shutdown_queue(queue);
-    destroy();
+    // Block 5 stands at the tail with a 9 in it, so 6 goes behind it.
+    EXPECT_EQ(order, (std::vector<long>{7, 1, 3, 2, 0, 4, 5, 6}));
+    destroy(queue);
 }
 
-TEST_F(WorkQueue, RefusesWhenFullOrClosed)
+TEST(WorkQueue, WithoutWorkersRefusesAndReleasesWhenFullOrClosed)
 {
-    msgqueue_t *queue = create(1, 2, 1, hook);
-    Gate gate;
-    commblk_t blocks[2] = {};
-    gate.occupy(queue); // a running item counts
-    EXPECT_EQ(queue_add_work(queue, count, &blocks[0]), 0);
-    EXPECT_EQ(queue_add_work(queue, count, &blocks[1]), -1);
-    std::thread closer([&] { shutdown_queue(queue); });
-    for (int closed = 0; closed == 0; usleep(1000)) {
-        pthread_mutex_lock(&queue->queue_lock.mutex);
-        closed = queue->queue_closed;
-        pthread_mutex_unlock(&queue->queue_lock.mutex);
-    }
-    EXPECT_EQ(queue_add_work(queue, count, &blocks[1]), -1); // full comes first
-    gate.open();
-    closer.join();
-    EXPECT_EQ(ran, 2);
-    EXPECT_EQ(hooks, 1);
-    EXPECT_EQ(queue->num_threads, 0);
-    EXPECT_EQ(queue_add_work(queue, count, &blocks[1]), -2);
-    destroy();
-}
-
-TEST_F(WorkQueue, ShutdownReleasesEveryBlockedProducer)
-{
-    for (int capacity : {-1, 0, 1}) {
-        msgqueue_t *queue = create(1, capacity, 0);
-        Gate gate;
-        if (capacity > 0) {
-            gate.occupy(queue);
-        }
-        std::atomic<int> refused{0};
+    // Capacity, refusal when full; the results of two additions, and of more after the end.
+    constexpr int cases[][5] = {{1, 1, 0, -1, -1},   {2, 1, 0, 0, -1}, {3, 1, 0, 0, -2},
+                                {-1, 1, -1, -1, -1}, {2, 0, 0, 0, -2}, {0, 0, -2, -2, -2}};
+    for (const auto &[capacity, refuse, first, second, late] : cases) {
+        msgqueue_t *queue = create(-1, capacity, refuse);
         commblk_t blocks[4] = {};
-        std::vector<std::thread> threads;
-        for (auto &block : blocks) {
-            threads.emplace_back([&] { refused += queue_add_work(queue, count, &block) == -2; });
+        std::vector<std::thread> blocked;
+        std::atomic<int> status{0};
+        if (capacity > 0 || refuse != 0) {
+            EXPECT_EQ(queue_add_work(queue, count, &blocks[0]), first);
+            EXPECT_EQ(queue_add_work(queue, count, &blocks[1]), second);
         }
-        usleep(20'000);
-        threads.emplace_back([&] { shutdown_queue(queue); });
-        for (int i = 0; i < 4; i++) {
-            threads[static_cast<size_t>(i)].join();
+        for (int i = 2; i < 4 && refuse == 0; i++) {
+            blocked.emplace_back([&, i] { status += queue_add_work(queue, count, &blocks[i]); });
         }
-        EXPECT_EQ(refused, 4);
-        gate.open();
-        threads.back().join();
-        destroy();
+        usleep(refuse != 0 ? 0 : 20'000);
+        shutdown_queue(queue);
+        for (auto &thread : blocked) {
+            thread.join();
+        }
+        EXPECT_EQ(status, refuse != 0 ? 0 : 2 * late);
+        EXPECT_EQ(queue_add_work(queue, count, &blocks[2]), late) << capacity;
+        wait_queue_empty(queue); // shut down, so nobody waits
+        destroy(queue);
+        EXPECT_EQ(ran + hooks, 0);
     }
 }
 
-TEST_F(WorkQueue, WithoutWorkersNothingRunsAndShutdownReturns)
-{
-    commblk_t block = {};
-    msgqueue_t *queue = create(-1, 2, 0, hook);
-    EXPECT_EQ(queue_add_work(queue, count, &block), 0);
-    shutdown_queue(queue);
-    wait_queue_empty(queue);
-    EXPECT_EQ(ran + hooks, 0);
-    destroy();
-}
-
-TEST_F(WorkQueue, CallsTheIdleRoutineEachPeriodWithoutWork)
+TEST(WorkQueue, CallsTheIdleRoutineEachPeriodWithoutWork)
 {
     const uint64_t begun = monotime();
-    msgqueue_t *queue = create(1, 2, 0, nullptr, 1, hook);
-    usleep(210'000); // ten periods
-    shutdown_queue(queue);
+    hooks = 0;
+    msgqueue_t *queue = queue_create_with_idle(1, 2, 0, nullptr, 1, hook);
+    EXPECT_EQ(MyThreadSleep(10), 0); // of 20 ms
+    const uint64_t slept = monotime() - begun;
+    destroy(queue);
+    EXPECT_GE(slept, 199u);
     EXPECT_GE(hooks, 2);
     EXPECT_LE(static_cast<uint64_t>(hooks), (monotime() - begun) / 20 + 1);
-    destroy();
 }
 
 // Items must neither be lost nor run twice, and nobody may stay asleep, whenever the queue closes.
-TEST_F(WorkQueue, RunsExactlyWhatItAcceptedUnderStress)
+TEST(WorkQueue, RunsExactlyWhatItAcceptedUnderStress)
 {
-    constexpr int producers = 4;
-    constexpr int per_producer = 6'000;
-    int accepted_in_all = 0;
     for (int round = 0; round < 40; round++) {
-        ran = 0;
-        msgqueue_t *queue = create(1 + round % 3, 1 + round % 5, round % 4 == 3, hook);
+        const int workers = 1 + round % 3;
+        msgqueue_t *queue = create(workers, 1 + round % 5, round % 4 == 3);
         std::atomic<int> accepted{0};
         std::vector<std::thread> threads;
-        for (int p = 0; p < producers; p++) {
-            threads.emplace_back([&, p] {
-                std::vector<commblk_t> blocks(per_producer);
+        for (const auto add : {queue_add_work, queue_add_work_pri, queue_add_work}) {
+            threads.emplace_back([&, add] {
+                std::vector<commblk_t> blocks(6'000);
                 for (auto &block : blocks) {
                     block.priority = static_cast<uint32_t>(&block - blocks.data()) % 3;
-                    const auto add = p % 2 == 0 ? queue_add_work : queue_add_work_pri;
-                    const int status = add(queue, count, &block);
-                    accepted += status == 0;
-                    if (status == -2) {
-                        break;
-                    }
+                    accepted += add(queue, count, &block) == 0;
                 }
                 wait_queue_empty(queue); // the blocks go away
             });
         }
         usleep(static_cast<useconds_t>(round * 1'500));
-        std::thread second([&] { shutdown_queue(queue); });
+        threads.emplace_back([&] { shutdown_queue(queue); });
         shutdown_queue(queue);
-        second.join();
         for (auto &thread : threads) {
             thread.join();
         }
+        destroy(queue);
         ASSERT_EQ(ran, accepted);
-        ASSERT_EQ(queue->num_threads + queue->cur_queue_size, 0);
-        accepted_in_all += accepted;
-        destroy();
-    }
-    EXPECT_GT(accepted_in_all, 40);
-}
-
-TEST_F(WorkQueue, PanicsWithoutItsResources)
-{
-    const struct {
-        const char *call;
-        const char *text;
-    } cases[] = {{"cond", "queue_create THREAD_COND_INIT"},
-                 {"thread", "queue_create THREAD_CREATE"}};
-    for (const auto &c : cases) {
-        const auto outcome = support::run_in_child([&] {
-            failing_call = c.call;
-            DoPanicFn = [](char *str1, char *str2, int core, char *file, int) {
-                fprintf(stderr, "%s%s %d %s", str1, str2, core, file);
-            };
-            queue_create(1, 1, 0, nullptr);
-            return 9;
-        });
-        EXPECT_TRUE(outcome.exited(1));
-        EXPECT_EQ(outcome.err, std::string(c.text) + " 1 libutil/queue_util");
+        ASSERT_EQ(hooks, workers);
     }
 }
 
 TEST(MsgQ, LosesNoWakeUpHoweverSmallThePool)
 {
+    MsgQ_Init();
     for (int pool : {1, 2, 5}) {
-        MsgQ_Init();
-        MsgQ_head = MsgQ_tail = nullptr;
-        MsgQ_cnt = 0;
         NumBufs = pool;
         std::vector<commblk_t> blocks(static_cast<size_t>(pool));
         std::vector<std::thread> threads;
@@ -297,8 +162,7 @@ TEST(MsgQ, LosesNoWakeUpHoweverSmallThePool)
             threads.emplace_back([] {
                 for (int i = 0; i < 5'000; i++) {
                     commblk_t *block = MsgQ_Get();
-                    EXPECT_EQ(block->next, nullptr);
-                    EXPECT_EQ(block->priority, 0u);
+                    EXPECT_TRUE(block->next == nullptr && block->priority == 0);
                     block->priority = 7;
                     MsgQ_Put(block);
                 }
@@ -310,51 +174,41 @@ TEST(MsgQ, LosesNoWakeUpHoweverSmallThePool)
         for (auto &thread : threads) {
             thread.join();
         }
-        EXPECT_EQ(MsgQ_cnt, pool);
-
-        commblk_t *last = MsgQ_Get();
-        std::thread waiter([&] {
-            pthread_mutex_lock(&MsgQ_lock.mutex);
-            while (MsgQ_cnt != NumBufs) {
-                pthread_cond_wait(&MsgQ_empty.cond, &MsgQ_lock.mutex);
-            }
-            pthread_mutex_unlock(&MsgQ_lock.mutex);
-        });
-        usleep(5'000);
-        MsgQ_Put(last);
-        waiter.join();
+        std::thread last([block = MsgQ_Get()] { usleep(5'000), MsgQ_Put(block); });
+        pthread_mutex_lock(&MsgQ_lock.mutex);
+        while (MsgQ_cnt != pool) {
+            pthread_cond_wait(&MsgQ_empty.cond, &MsgQ_lock.mutex);
+        }
+        pthread_mutex_unlock(&MsgQ_lock.mutex);
+        last.join();
+        while (MsgQ_cnt > 0) {
+            MsgQ_Get();
+        }
     }
 }
 
-TEST(MsgQ, PanicsOnCorruption)
+TEST(QueueUtil, PanicsOnCorruptionAndWithoutThreads)
 {
+    kova_thread_init();
     static commblk_t blocks[2];
     const struct {
-        void (*corrupt)();
+        void (*act)();
         const char *text;
     } cases[] = {
         {[] { MsgQ_Put(&blocks[0]); }, "MsgQ_Put pmsgq->next is not NULL"}, // not the last one
         {[] { MsgQ_Put(&blocks[1]); }, "MsgQ_Put pmsgq->next is not NULL"}, // the last one
         {[] { MsgQ_cnt = 0, MsgQ_Get(); }, "MsgQ_Get went negative on buffers!"},
+        {[] { queue_create(1, 1, 0, nullptr); }, "queue_create THREAD_CREATE"},
     };
     for (const auto &c : cases) {
         const auto outcome = support::run_in_child([&] {
-            DoPanicFn = [](char *, char *str2, int, char *, int) { fputs(str2, stderr); };
-            MsgQ_head = MsgQ_tail = nullptr;
+            pthread_attr_setstacksize(&Thread_create_attr, size_t{1} << 46);
             MsgQ_Put(&blocks[0]);
             MsgQ_Put(&blocks[1]);
-            c.corrupt();
-            return 9;
+            c.act();
+            return 0;
         });
-        EXPECT_TRUE(outcome.exited(1));
-        EXPECT_EQ(outcome.err, c.text);
+        EXPECT_TRUE(outcome.crashed());
+        EXPECT_NE(outcome.err.find(c.text), std::string::npos) << outcome.err;
     }
-}
-
-TEST(MyThreadSleep, SleepsTheWholeTime)
-{
-    const uint64_t begun = monotime();
-    EXPECT_EQ(MyThreadSleep(-1), 0);
-    EXPECT_EQ(MyThreadSleep(3), 0); // of 20 ms
-    EXPECT_GE(monotime() - begun, 59u);
 }

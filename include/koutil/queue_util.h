@@ -134,7 +134,8 @@ KO_API msgqueue_t *queue_create_with_idle(int num_worker_threads, int max_queue_
 KO_API msgqueue_t *queue_create(int num_worker_threads, int max_queue_size,
                                 int do_not_block_when_full, queue_hook_t queue_cleanup);
 
-/* Queue `routine(arg)` behind everything of its kind, as ordinary work. `arg` must be a commblk_t.
+/* Queue `routine(arg)` as ordinary work, behind everything that is queued. `arg` must be a
+ * commblk_t, whose `qitem` is written.
  * Blocks while the queue is full, unless the queue was created not to; a routine that adds to its
  * own full queue can block it for good.
  *
@@ -170,7 +171,7 @@ KO_API commblk_t *MsgQ_Get(void);
 KO_API void MsgQ_Put(commblk_t *pmsgq);
 
 /* Sleep for `sleep_seconds` whole seconds of the wall clock, in a timed condition wait, which a
- * step of the clock or a spurious wake-up may cut short.
+ * step of the clock or a spurious wake-up may cut short. 0 or less does not sleep.
  *
  * Returns 0. */
 KO_API int MyThreadSleep(int sleep_seconds);

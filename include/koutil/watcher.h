@@ -12,6 +12,7 @@
  *     when the daemon ends otherwise       starts it again after a pause of five seconds
  *     at the fifth core dump of a series,  gives up and exits with 1
  *        each within an hour of the last
+ *     when a fork or a wait fails          exits with 1
  *
  * Signals that arrive during a pause are taken after it. Everything is reported to the system log
  * under LOG_DAEMON. For debugging, two environment variables (set to anything) switch parts off:
@@ -48,8 +49,9 @@ KO_API extern pid_t WatcherPid;
  * its strings are overwritten to rename the watcher when they are the process's own arguments and
  * have room for the name; the daemon then gets a copy and shows the original command line.
  *
- * The watcher and the daemon that it runs end in exit(3); where KeepRunning returns, it
- * returns 0 in the caller when the watcher was detached
+ * The watcher and the daemon that it watches do not return: they end in exit(3).
+ *
+ * Returns 0 in the caller when the watcher was detached
  * Returns 1 when the detaching fork failed
  * Returns -1 when memory ran out
  * Returns the result of `inner_main` in the process that ran it without a watcher. */
