@@ -15,54 +15,32 @@ extern "C" uint64_t MicroTime(void)
 
 TEST(SlidingBucket, AveragesTheCompletedSlicesFromTheFirstBusyOne)
 {
-    constexpr uint64_t begin = 1'700'000'000'000'000, slice = 500'000, after = begin + 1;
-    // Time, quantity to put or 0 to read, rate expected. Time 0: a new bucket, of that slice.
-    const uint64_t events[][3] = {
-        // A slice ends with its last microsecond, and counts until it is the twenty-first.
-        {0, slice, 0},
-        {begin, 0, 0},
-        {begin, 600, 0},
-        {begin + slice, 400, 0},
-        {begin + slice, 0, 0},
-        {after + slice, 0, 2000},
-        {begin + 2 * slice, 0, 2000},
-        {after + 2 * slice, 0, 1000},
-        {begin + 20 * slice, 0, 2000 / 19},
-        {after + 20 * slice, 0, 100},
-        {begin + 21 * slice, 0, 100},
-        {after + 21 * slice, 0, 0},
-        // A pause of 21 slices begins anew, a shorter one does not.
-        {0, slice, 0},
-        {begin, 1000, 0},
-        {begin + 21 * slice - 1, 0, 100},
-        {0, slice, 0},
-        {begin, 1000, 0},
-        {begin + 21 * slice, 50, 0},
-        {begin + 21 * slice, 0, 0},
-        {after + 22 * slice, 0, 100},
-        // A gap counts, the time before does not; a clock that goes back moves nothing.
-        {0, slice, 0},
-        {begin, 0, 0},
-        {after + 5 * slice, 300, 0},
-        {after + 7 * slice, 200, 0},
-        {begin, 100, 0},
-        {after + 8 * slice, 0, 400},
-        // Large numbers, and no slice length.
-        {0, 0, 0},
-        {begin, 1UL << 60, 0},
-        {after + slice, 0, 1UL << 61},
-        {0, UINT64_MAX / 2, 0},
-        {begin, 5, 0},
-        {begin + 100 * slice, 0, 0}};
+    constexpr uint64_t slice = 500'000, fresh = UINT64_MAX;
+    // Slices and microseconds since the start; a quantity to put, or 0 to read and the rate that is
+    // expected. Or fresh: a new bucket, with the slice length that follows. In this order: a slice
+    // ends with its last microsecond and counts until it is the twenty-first; a pause of 21 slices
+    // begins anew, a shorter one does not; a gap counts, the time before does not, and a clock that
+    // goes back moves nothing; large numbers; no slice length; the longest.
+    const uint64_t events[][4] = {{fresh, slice},    {0, 0, 0, 0},         {0, 0, 600},
+                                  {1, 0, 400},       {1, 0, 0, 0},         {1, 1, 0, 2000},
+                                  {2, 0, 0, 2000},   {2, 1, 0, 1000},      {20, 0, 0, 105},
+                                  {20, 1, 0, 100},   {21, 0, 0, 100},      {21, 1, 0, 0},
+                                  {fresh, slice},    {0, 0, 1000},         {20, slice - 1, 0, 100},
+                                  {fresh, slice},    {0, 0, 1000},         {21, 0, 50},
+                                  {21, 0, 0, 0},     {22, 1, 0, 100},      {fresh, slice},
+                                  {0, 0, 0, 0},      {5, 1, 300},          {7, 1, 200},
+                                  {0, 0, 100},       {8, 1, 0, 400},       {fresh, 0},
+                                  {0, 0, 1UL << 60}, {1, 1, 0, 1UL << 61}, {fresh, UINT64_MAX / 2},
+                                  {0, 0, 5},         {100, 0, 0, 0}};
     SlidingBucket_t bucket;
-    for (const auto &[time, quantity, expected] : events) {
-        wall_clock = time;
-        if (time == 0) {
-            InitBucketScale(&bucket, quantity);
+    for (const auto &[slices, usec, quantity, expected] : events) {
+        wall_clock = 1'700'000'000'000'000 + slices * slice + usec;
+        if (slices == fresh) {
+            InitBucketScale(&bucket, usec);
         } else if (quantity != 0) {
             PutBucket(&bucket, quantity);
         } else {
-            EXPECT_EQ(GetBucket(&bucket), expected) << time - begin;
+            EXPECT_EQ(GetBucket(&bucket), expected) << slices << " " << usec;
         }
     }
 }
