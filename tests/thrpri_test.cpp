@@ -12,7 +12,7 @@
 #include <string>
 #include <syslog.h>
 
-static int priority = 50;
+static int priority = 97;
 static int get_error = 3, set_error = 0, min_error = 0;
 static std::string logged;
 
@@ -33,12 +33,7 @@ extern "C" int pthread_setschedparam(pthread_t, int policy, const struct sched_p
 extern "C" int sched_get_priority_min(int policy) noexcept
 {
     errno = min_error;
-    return min_error != 0 ? -1 : policy == SCHED_RR ? 10 : 0;
-}
-
-extern "C" int sched_get_priority_max(int policy) noexcept
-{
-    return policy == SCHED_RR ? 52 : 0;
+    return min_error != 0 ? -1 : policy == SCHED_RR ? 94 : 0;
 }
 
 extern "C" void syslog(int level, const char *format, ...)
@@ -58,9 +53,9 @@ TEST(Thrpri, ShiftsWithinTheRangeAndReportsFailures)
     EXPECT_EQ(FreeMemory, MyFree);
     get_error = 0;
     LibraryInit();
-    const int levels_and_priorities[][2] = {{1, 48}, {2, 47}, {3, 47}, {4, 48},  {5, 50}, {5, 52},
-                                            {5, 52}, {0, 52}, {6, 52}, {-1, 52}, {1, 50}};
-    for (const auto &[level, expected] : levels_and_priorities) {
+    const int steps[][2] = {{1, 95}, {2, 94}, {3, 94}, {1, 94}, {4, 95},  {5, 97},
+                            {5, 99}, {5, 99}, {0, 99}, {6, 99}, {-1, 99}, {1, 97}};
+    for (const auto &[level, expected] : steps) {
         ThreadPriority(level);
         EXPECT_EQ(priority, expected);
     }
