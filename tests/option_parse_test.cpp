@@ -93,6 +93,7 @@ TEST(Options, Values)
         {"debug=none", debug, 0, "", "ne"},
         {"debug=10", debug, 1, "", "0"},
         {"debug=TRUE,", debug, 1, "", ","},
+        {"debug\r", debug, 1, "", "\r"},
         {"mode=quick", mode, 0, "", ""},
         {"t= 1 h,", interval, 3600, "", ","},
         {"t=30m1h", interval, 5400, "", ""},
