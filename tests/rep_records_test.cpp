@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -133,20 +132,4 @@ TEST(Records, ConversionsMoveTheBytesOfTheNumbersAndNoOthers)
             EXPECT_EQ(Bytes(memory.begin() + static_cast<long>(shift), memory.end()), before);
         }
     }
-}
-
-TEST(Records, OnlyTwoFieldsTravelLittleEndian)
-{
-    pol_cmd_t cmd = {};
-    cmd.polcmd_fsid = cmd.polcmd_key = 0x0102030405060708;
-    swap_pol_cmd(&cmd);
-    EXPECT_EQ(memcmp(&cmd, "\1\2\3\4\5\6\7\10\10\7\6\5\4\3\2\1", 16), 0);
-
-    rep_src_state_t state = {};
-    state.rep_stats.rep_data_size = state.rep_stats.rep_stream_len = 0x0102030405060708;
-    state.rep_scan_time = {0x11121314, 0x21222324};
-    swap_rep_state(&state, 0);
-    EXPECT_EQ(memcmp(&state.rep_stats, "\1\2\3\4\5\6\7\10", 8), 0);
-    EXPECT_EQ(memcmp(&state.rep_stats.rep_stream_len, "\10\7\6\5\4\3\2\1", 8), 0);
-    EXPECT_EQ(memcmp(&state.rep_scan_time, "\x11\x12\x13\x14\x21\x22\x23\x24", 8), 0);
 }

@@ -4,14 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace
@@ -86,41 +82,22 @@ class Replicate : public ::testing::Test
         return program() + " send -t 20 -p " + dir / "progress" + " " + dir / "src" + " " +
                targets + " >/dev/null 2>&1";
     }
-    // Starts a sender, passes the first `cut` bytes of its stream on to `sink`, and kills it.
-    // Returns the number of bytes that were passed on.
-    size_t pass_on(size_t cut, int sink)
+    // The bytes that the sender sends for the tree.
+    std::string whole_stream()
     {
-        const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address = {};
-        socklen_t size = sizeof address;
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), size), 0);
+        SOCKET_T listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), none = -1;
+        const int port = BindSame(&listener, &none, 0, 0);
         EXPECT_EQ(listen(listener, 1), 0);
-        getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size);
-        const std::string target = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-        const std::string source = dir / "src", path = program();
-        const pid_t sender = fork();
-        if (sender == 0) {
-            execl(path.c_str(), "replicate", "send", source.c_str(), target.c_str(), nullptr);
-            _exit(127);
-        }
+        FILE *sender = popen(send_to("127.0.0.1:" + std::to_string(port)).c_str(), "r");
         const int sock = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        std::string piece(65536, '\0');
-        size_t passed = 0;
-        while (passed < cut) {
-            const ssize_t got = read(sock, piece.data(), std::min(piece.size(), cut - passed));
-            if (got <= 0) {
-                break;
-            }
-            EXPECT_EQ(write(sink, piece.data(), static_cast<size_t>(got)), got);
-            passed += static_cast<size_t>(got);
+        std::string bytes, piece(65536, '\0');
+        for (ssize_t got; (got = read(sock, piece.data(), piece.size())) > 0;) {
+            bytes.append(piece, 0, static_cast<size_t>(got));
         }
-        kill(sender, SIGKILL);
-        waitpid(sender, nullptr, 0);
         close(sock);
         close(listener);
-        return passed;
+        EXPECT_NE(pclose(sender), 0) << "nobody replied";
+        return bytes;
     }
     support::TempDir dir;
 };
@@ -146,11 +123,10 @@ TEST_F(Replicate, SeveralTargetsGetTheSameTree)
               std::string::npos);
 }
 
-TEST_F(Replicate, ASenderThatIsKilledAnywhereLeavesOnlyWholeFiles)
+TEST_F(Replicate, AStreamThatBreaksOffAnywhereLeavesOnlyWholeFiles)
 {
-    const int nowhere = open("/dev/null", O_WRONLY);
-    const size_t whole = pass_on(SIZE_MAX, nowhere);
-    close(nowhere);
+    const std::string bytes = whole_stream();
+    const size_t whole = bytes.size();
     ASSERT_GT(whole, 2500001u);
     Receiver receiver(dir / "out");
     std::vector<size_t> cuts = {0, 1, 31, 32, 33, whole / 2, whole - 1};
@@ -160,7 +136,7 @@ TEST_F(Replicate, ASenderThatIsKilledAnywhereLeavesOnlyWholeFiles)
     }
     for (size_t cut : cuts) {
         const int sock = connect_to(receiver.port);
-        ASSERT_EQ(pass_on(cut, sock), cut);
+        ASSERT_EQ(send(sock, bytes.data(), cut, MSG_NOSIGNAL), static_cast<ssize_t>(cut));
         close(sock);
         ASSERT_EQ(receiver.line().substr(0, 11), "broken off:") << cut;
         ASSERT_FALSE(run(same(dir / "out") + " | grep -v 'Only in " + dir / "src" + "'")) << cut;
@@ -175,14 +151,14 @@ TEST_F(Replicate, NamesThatLeaveTheDirectoryEndTheStream)
 {
     struct Case {
         uint16_t type;
-        const char *name, *link; // a link of that name comes first
+        const char *name;
     };
-    const Case cases[] = {
-        {18, "..", ""}, {18, ".", ""},        {18, "../evil", ""},  {1, "../evil", ""},
-        {1, "", ""},    {1, "/tmp/evil", ""}, {18, "trap", "trap"}, {1, "a/../../evil", ""}};
+    const Case cases[] = {{18, ".."},     {18, "."}, {18, "../evil"},  {18, "trap"},
+                          {1, "../evil"}, {1, ""},   {1, "/tmp/evil"}, {1, "a/../../evil"}};
     ASSERT_EQ(mkdir((dir / "outside").c_str(), 0700), 0);
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
+        ASSERT_EQ(symlink((dir / "outside").c_str(), (dir / "out/trap").c_str()), 0);
         Receiver receiver(dir / "out");
         rep_stream_t *out = create_rep_out_stream();
         const int sock = connect_to(receiver.port);
@@ -197,18 +173,6 @@ TEST_F(Replicate, NamesThatLeaveTheDirectoryEndTheStream)
         send_rep_header(out, nullptr, 1, 0, 1, 1);
         send_file_ns(out, 18, "", &root, 2, 0, 0700);
         send_sd_mapping(out, 1, reinterpret_cast<const uint8_t *>("0600"), 4);
-        if (*c.link != '\0') {
-            const std::string target = dir / "outside";
-            char sum[16] = {};
-            const unsigned long long hash =
-                __builtin_bswap64(XXH64(target.data(), target.size(), 0));
-            memcpy(sum, &hash, 8);
-            send_file_header(out, 2, c.link, &in_root, 1, &stat, nullptr, 1, 1);
-            send_blob_record(out, 0, target.size(), 0, sum);
-            send_file_data(out, reinterpret_cast<const uint8_t *>(target.data()),
-                           static_cast<uint32_t>(target.size()));
-            send_blob_record(out, 0, 0, 0, tag);
-        }
         if (c.type == 18) {
             send_file_ns(out, 18, c.name, &inside, 3, 0, 0700);
         }
