@@ -1,12 +1,12 @@
 // rep_stream_bench.cpp - replication streams across a socket pair, from one thread to another.
 //
-// Bulk:     1 GiB of data in pieces of 1 MiB. Peers: a loop of send and recv of 64 KiB over the
-// same
-//           memory, which is what the socket can do, and buffered stdio with buffers of 64 KiB.
-// Records:  a million file records with names of 8 bytes, 104 bytes each on the wire, built from a
-//           file's attributes and taken apart again. Peers: the bare loop over as many bytes, stdio
-//           moving the finished records (it converts nothing), and protobuf's coded streams with
-//           fixed-width fields over the same socket.
+// Bulk: 1 GiB of data in pieces of 1 MiB. Peers: a loop of send and recv of 64 KiB over the same
+// memory, which is what the socket can do, and buffered stdio with buffers of 64 KiB.
+//
+// Records: a million file records with names of 8 bytes, 104 bytes each on the wire, built from a
+// file's attributes and taken apart again. Peers: the bare loop over as many bytes, stdio moving
+// the finished records (it converts nothing), and protobuf's coded streams with fixed-width fields
+// over the same socket.
 //
 // Ratios are those of bytes_per_second.
 #include "koutil/rep_stream.h"

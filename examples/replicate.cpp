@@ -161,7 +161,7 @@ FTS *walk(const char *root)
 {
     char *const roots[] = {const_cast<char *>(root), nullptr};
     return fts_open(
-        roots, FTS_PHYSICAL | FTS_NOCHDIR | FTS_XDEV,
+        roots, FTS_PHYSICAL | FTS_COMFOLLOW | FTS_NOCHDIR | FTS_XDEV,
         [](const FTSENT **a, const FTSENT **b) { return strcmp((*a)->fts_name, (*b)->fts_name); });
 }
 
@@ -169,6 +169,9 @@ uint64_t size_of_tree(const char *root)
 {
     uint64_t bytes = 0;
     FTS *tree = walk(root);
+    if (tree == nullptr) {
+        return 0;
+    }
     while (FTSENT *entry = fts_read(tree)) {
         bytes += entry->fts_info == FTS_F ? static_cast<uint64_t>(entry->fts_statp->st_size) : 0;
     }
@@ -191,8 +194,10 @@ class Sender
         FTS *tree = walk(root);
         bool good = tree != nullptr;
         while (good) {
+            errno = 0;
             FTSENT *entry = fts_read(tree);
             if (entry == nullptr) {
+                good = errno == 0;
                 break;
             }
             lock_stream(out_);
@@ -440,12 +445,20 @@ bool report(const Target &target)
 // One target gets the stream directly; more than one follow a backing file.
 int send(const char *root, std::deque<Target> &targets)
 {
+    if (!Descriptor(open(root, O_RDONLY | O_DIRECTORY | O_CLOEXEC))) {
+        perror(root);
+        return 1;
+    }
     for (Target &target : targets) {
         if (!connect_to(target)) {
             return 1;
         }
     }
     rep_stream_t *out = create_rep_out_stream();
+    if (out == nullptr) {
+        perror("output stream");
+        return 1;
+    }
     Descriptor file;
     std::deque<std::thread> followers;
     if (targets.size() == 1) {
@@ -696,8 +709,8 @@ class Receiver
             offset += length;
             reply_.rep_data_moved += length;
             if (target != nullptr) {
-                target->append(reinterpret_cast<char *>(piece_.get()), length);
-                good = good && target->size() < PATH_MAX;
+                good = good && target->size() + length < PATH_MAX;
+                target->append(reinterpret_cast<char *>(piece_.get()), good ? length : 0);
             } else if (good && !write_whole(file, length)) {
                 good = false;
                 fail(path);

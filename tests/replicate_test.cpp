@@ -66,12 +66,12 @@ class Replicate : public ::testing::Test
         if (access(program().c_str(), X_OK) != 0) {
             GTEST_SKIP() << "the examples are not built";
         }
-        ASSERT_TRUE(
-            run("cd " + dir.path() +
-                " && mkdir -p src/a/b/c src/empty src/ro && echo f >src/ro/f &&"
-                " chmod 500 src/ro && ln -s ../../nowhere src/a/link && : >src/zero &&"
-                " head -c 2500001 /dev/urandom >src/big && printf 'x y' >'src/a/with blank' &&"
-                " touch \"src/a/b/$(printf 'n%.0s' $(seq 255))\" && mkdir out"));
+        ASSERT_TRUE(run("cd " + dir.path() +
+                        " && mkdir -p src/a/b/c src/empty src/ro && echo f >src/ro/f &&"
+                        " chmod 500 src/ro && ln -s ../../nowhere src/a/link && : >src/zero &&"
+                        " head -c 2500001 /dev/urandom >src/big && ln -s src way && printf 'x y' "
+                        ">'src/a/with blank' &&"
+                        " touch \"src/a/b/$(printf 'n%.0s' $(seq 255))\" && mkdir out"));
     }
     std::string same(const std::string &target)
     {
@@ -79,7 +79,7 @@ class Replicate : public ::testing::Test
     }
     std::string send_to(const std::string &targets)
     {
-        return program() + " send -t 20 -p " + dir / "progress" + " " + dir / "src" + " " +
+        return program() + " send -t 20 -p " + dir / "progress" + " " + dir / "way" + " " +
                targets + " >/dev/null 2>&1";
     }
     // The bytes that the sender sends for the tree.

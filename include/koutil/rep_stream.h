@@ -204,8 +204,8 @@ KO_API void hold_stream(rep_stream_t *stream);
  * Returns 1 when references remain, 0 when the stream is gone. */
 KO_API int drop_stream(rep_stream_t *stream);
 
-/* Close both descriptors, set the bits `flags` in rep_stream_flags and wake who waits on rep_cond.
- * What is flushed later is dropped. */
+/* Close both descriptors, set the bits `flags` in rep_stream_flags and wake who waits on rep_cond
+ * and is counted in rep_targ_waiting. What is flushed later is dropped. */
 KO_API void close_rep_stream(rep_stream_t *stream, int flags);
 
 /* close_rep_stream and drop_stream in one step.
