@@ -45,29 +45,23 @@ Bytes patterned(size_t size)
     return bytes;
 }
 
-// Applies a pattern: the runs of a record, and the record after its conversion.
-Bytes converted(const std::string &pattern, size_t &size)
+// The patterned record after a conversion that follows the pattern.
+Bytes converted(const std::string &pattern)
 {
-    std::vector<int> runs;
+    Bytes bytes;
     std::istringstream words(pattern);
     for (std::string word; words >> word;) {
+        const bool stays = word[0] == '=';
         const size_t star = word.find('*');
-        const int sign = word[0] == '=' ? -1 : 1;
-        const int times = star == std::string::npos ? 1 : std::stoi(word.substr(star + 1));
-        runs.insert(runs.end(), static_cast<size_t>(times),
-                    sign * std::stoi(word.substr(word[0] == '=')));
-    }
-    size = 0;
-    for (int run : runs) {
-        size += static_cast<size_t>(std::abs(run));
-    }
-    Bytes bytes = patterned(size);
-    auto at = bytes.begin();
-    for (int run : runs) {
-        if (run > 0) {
-            std::reverse(at, at + run);
+        const int run = std::stoi(word.substr(stays));
+        for (int times = star == std::string::npos ? 1 : std::stoi(word.substr(star + 1));
+             times > 0; times--) {
+            const Bytes longer = patterned(bytes.size() + static_cast<size_t>(run));
+            bytes.insert(bytes.end(), longer.end() - run, longer.end());
+            if (!stays) {
+                std::reverse(bytes.end() - run, bytes.end());
+            }
         }
-        at += std::abs(run);
     }
     return bytes;
 }
@@ -120,12 +114,10 @@ TEST(Records, ConversionsMoveTheBytesOfTheNumbersAndNoOthers)
 {
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
-        size_t size = 0;
-        const Bytes expected = converted(c.pattern, size);
+        const Bytes expected = converted(c.pattern), before = patterned(expected.size());
         for (size_t shift : {0, 1, 4}) { // records in a stream's buffer are not aligned
-            Bytes memory(size + shift);
-            const Bytes before = patterned(size);
-            std::copy(before.begin(), before.end(), memory.begin() + static_cast<long>(shift));
+            Bytes memory(shift);
+            memory.insert(memory.end(), before.begin(), before.end());
             c.swap(memory.data() + shift);
             EXPECT_EQ(Bytes(memory.begin() + static_cast<long>(shift), memory.end()), expected);
             c.swap(memory.data() + shift);
