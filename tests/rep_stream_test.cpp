@@ -108,15 +108,6 @@ class RepStream : public ::testing::Test
         EXPECT_EQ(support::open_descriptors(), descriptors_);
     }
 
-    // Joins the two streams.
-    void connect()
-    {
-        int ends[2], size = 1 << 20;
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-        setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-        assign_rep_target_sync(out, ends[0]);
-        open_input(ends[1]);
-    }
     void open_input(int fd)
     {
         if (in != nullptr) {
@@ -125,15 +116,22 @@ class RepStream : public ::testing::Test
         in = create_rep_in_stream(fd);
         ASSERT_NE(in, nullptr);
     }
+    // Opens an input on one end of a socket pair and returns the other.
+    int other_end()
+    {
+        int ends[2] = {-1, -1}, size = 1 << 20;
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+        open_input(ends[1]);
+        return ends[0];
+    }
+    // Joins the two streams.
+    void connect() { assign_rep_target_sync(out, other_end()); }
     // Opens an input that delivers `bytes` and then ends, or stays silent until hang_up.
     void deliver(const std::string &bytes, bool end = true)
     {
-        int ends[2], size = 1 << 20;
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-        setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-        ASSERT_EQ(write(ends[0], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-        open_input(ends[1]);
-        feeder = ends[0];
+        feeder = other_end();
+        ASSERT_EQ(write(feeder, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
         if (end) {
             hang_up();
         }
@@ -336,17 +334,15 @@ TEST_F(RepStream, TakesRecordsHoweverTheyArrive)
 {
     const std::string &bytes = whole_stream;
     for (size_t most : {size_t{1}, size_t{7}, size_t{300}}) {
-        int ends[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-        open_input(ends[1]);
+        feeder = other_end();
         std::thread writer([&] {
             std::minstd_rand random(3);
             for (size_t at = 0; at < bytes.size();) {
                 const size_t piece = std::min(1 + random() % most, bytes.size() - at);
-                EXPECT_EQ(write(ends[0], bytes.data() + at, piece), static_cast<ssize_t>(piece));
+                EXPECT_EQ(write(feeder, bytes.data() + at, piece), static_cast<ssize_t>(piece));
                 at += piece;
             }
-            close(ends[0]);
+            hang_up();
         });
         EXPECT_EQ(take_records(in), std::size(records));
         writer.join();
@@ -515,7 +511,6 @@ TEST_F(RepStream, HeadersAndCommandsGoStraightToATarget)
 
 TEST_F(RepStream, RefusesWhatCannotBeSent)
 {
-    const std::string longest(255, 'n'), longer(256, 'n');
     const auto send_all = [&](const char *name) {
         return std::vector<int>{
             send_file_header(out, 6, name, &parent, 1, &attributes, nullptr, 0, 0),
@@ -524,14 +519,14 @@ TEST_F(RepStream, RefusesWhatCannotBeSent)
             send_file_ns(out, 18, name, &file, 0, 0, 0),
             send_file_ns(out, 6, name, &file, 0, 0, 0)};
     };
-    EXPECT_EQ(send_all(longer.c_str()), (std::vector<int>{-1, -1, -1, -1, -1}));
+    EXPECT_EQ(send_all(std::string(256, 'n').c_str()), (std::vector<int>{-1, -1, -1, -1, -1}));
     EXPECT_EQ(send_file_ns(out, 18, nullptr, &file, 0, 0, 0), -1);
     const std::string big(65537, 'd');
     EXPECT_EQ(send_sd_mapping(out, 1, bytes_of(big), 65537), -3);
     EXPECT_EQ(send_rep_command(out, nullptr, 4, bytes_of(big), 8193), -1);
     EXPECT_EQ(logged, "3:Tried to send a command 4 of size 8193, max size 8192.\n");
     EXPECT_EQ(out->rep_buffer.rep_used, 0u);
-    EXPECT_EQ(send_all(longest.c_str()), (std::vector<int>{0, 0, 0, 0, 0}));
+    EXPECT_EQ(send_all(std::string(255, 'n').c_str()), (std::vector<int>{0, 0, 0, 0, 0}));
     EXPECT_EQ(out->rep_buffer.rep_used, 3 * 96 + 112 + 48 + 5 * 256u);
     EXPECT_EQ(send_sd_mapping(out, 1, bytes_of(big), 65536), 0);
     EXPECT_EQ(send_rep_command(out, nullptr, 4, bytes_of(big), 8192), 0);
@@ -569,8 +564,7 @@ TEST_F(RepStream, RunningOutOfMemoryIsAStatus)
 
 TEST_F(RepStream, TheLastReferenceEndsTheStream)
 {
-    static int completed;
-    completed = 0;
+    static int completed = 0;
     EXPECT_GT(out->start_time, 1700000000000000u);
     out->stream_complete = [](rep_stream_t *) { completed++; };
     hold_stream(out);

@@ -161,8 +161,7 @@ TEST_F(Replicate, NamesThatLeaveTheDirectoryEndTheStream)
         ASSERT_EQ(symlink((dir / "outside").c_str(), (dir / "out/trap").c_str()), 0);
         Receiver receiver(dir / "out");
         rep_stream_t *out = create_rep_out_stream();
-        const int sock = connect_to(receiver.port);
-        assign_rep_target_sync(out, sock);
+        assign_rep_target_sync(out, connect_to(receiver.port));
         const char tag[16] = {};
         rep_file_t root = {}, inside = {};
         root.rep_inode_inum = root.rep_parent_inum = inside.rep_parent_inum = 2;
