@@ -586,8 +586,8 @@ void swap_rep_state(rep_src_state_t *state, int tgt_count)
 // buffers, except its end, which stays buffered as it would have otherwise.
 //
 // Locks: the writers' lock (rep_in_mutex) is the callers' and covers the buffer. rep_mutex covers
-// the reference count, the offset, the flags and the descriptors' closing; it is held over no system
-// call but close. A flush reads the descriptors without it: they are atomic.
+// the reference count, the offset, the flags and the descriptors' closing; it is held over no
+// system call but close. A flush reads the descriptors without it: they are atomic.
 //
 // Frames that assert or call stream_complete own nothing: a panic handler may leave by longjmp.
 
