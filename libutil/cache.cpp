@@ -153,8 +153,12 @@ Key make_key(cache_t *cache, bufaddr_t addr)
     }
     const uint64_t mixed = quotient * 0x9E3779B97F4A7C15;
     const uint64_t place = cache->c_index_bits > 0 ? mixed >> (64 - cache->c_index_bits) : 0;
-    return {addr, hash, &cache->c_buckets[number],
-            &cache->c_index[(number << cache->c_index_bits) + place]};
+    const Key key = {addr, hash, &cache->c_buckets[number],
+                     &cache->c_index[(number << cache->c_index_bits) + place]};
+    // The lock is an atomic operation, behind which nothing is loaded ahead.
+    __builtin_prefetch(key.slot);
+    __builtin_prefetch(key.bucket);
+    return key;
 }
 
 bool has_address(cache_t *cache, lru_rec_t *rec, const Key &key)
@@ -166,8 +170,11 @@ bool has_address(cache_t *cache, lru_rec_t *rec, const Key &key)
 lru_rec_t *find_in_chain(cache_t *cache, const Key &key)
 {
     for (lru_rec_t *rec = *key.slot; rec && rec->rec_slot == key.slot; rec = rec->rec_hash.next) {
-        if (has_address(cache, rec, key))
+        __builtin_prefetch(&rec->rec_mutex);
+        if (has_address(cache, rec, key)) {
+            __builtin_prefetch(buffer_of(rec));
             return rec;
+        }
     }
     return nullptr;
 }
@@ -217,7 +224,7 @@ struct Lookup {
 
 // Waits for a record that was found under the bucket's lock, which is held on entry and released.
 // Returns whether the record is locked and still the address's.
-bool wait_for_record(cache_t *cache, const Key &key, lru_rec_t *match, void *ptr)
+[[gnu::noinline]] bool wait_for_record(cache_t *cache, const Key &key, lru_rec_t *match, void *ptr)
 {
     references(match).fetch_add(1);
     unlock(key.bucket->h_lock);
@@ -617,14 +624,11 @@ void wait_for(cache_t *cache, Request &request, Next what)
     request.waited = true;
 }
 
-// Finds or makes the record of an address and locks it. Returns null when it is busy or none is
-// free.
-lru_rec_t *find_record(cache_t *cache, Request &request, const Key &key)
+// Finds or makes the record of an address and locks it, from its first lookup on. Returns null when
+// it is busy or none is free.
+lru_rec_t *find_record(cache_t *cache, Request &request, const Key &key, Lookup lookup)
 {
-    for (;;) {
-        const Lookup lookup = hash_buffer_find(cache, key, request.ptr, request.trylock);
-        if (lookup.found == Found::Busy)
-            return nullptr;
+    while (lookup.found != Found::Busy) {
         lock(cache->c_lru_lock);
         const Next next = lookup.found == Found::Absent
                               ? place_miss(cache, request, key, lookup.gen)
@@ -636,7 +640,32 @@ lru_rec_t *find_record(cache_t *cache, Request &request, const Key &key)
             return nullptr;
         if (next != Next::Again)
             wait_for(cache, request, next);
+        lookup = hash_buffer_find(cache, key, request.ptr, request.trylock);
     }
+    return nullptr;
+}
+
+// All that is no plain hit. Apart, so that a hit does not pay for its frame.
+[[gnu::noinline]] lru_rec_t *find_or_make(cache_t *cache, const Key &key, const Lookup &lookup,
+                                          void *ptr, bool trylock)
+{
+    Request request{ptr, trylock};
+    lru_rec_t *rec = find_record(cache, request, key, lookup);
+    // A record that was found with its buffer, or none at all, has no use for the spare one.
+    for (cache_buf_t *buffer : {request.spare, request.surplus}) {
+        if (buffer)
+            cache->c_functions->c_free_fn(cache->c_handle, buffer);
+    }
+    return rec;
+}
+
+// A locked record with a buffer is on list 0 or 2.
+void touch_cached(cache_t *cache, lru_rec_t *rec)
+{
+    lock(cache->c_lru_lock);
+    add(cache->c_cache_hit, 1);
+    move_to_head(cache, CACHE_LIST_MU, rec);
+    unlock(cache->c_lru_lock);
 }
 
 // Gives a record that was found without one a buffer, and fills the buffer.
@@ -749,13 +778,13 @@ cache_t *cache_init(int entries, void *handle, int addr_size, cache_fn_vec_t *fu
 cache_handle_t cache_buffer_find(cache_t *cache, bufaddr_t addr, void *ptr, int trylock,
                                  int populate_flags)
 {
-    Request request{ptr, trylock != 0};
-    lru_rec_t *rec = find_record(cache, request, make_key(cache, addr));
-    // A record that was found with its buffer, or none at all, has no use for the spare one.
-    for (cache_buf_t *buffer : {request.spare, request.surplus}) {
-        if (buffer)
-            cache->c_functions->c_free_fn(cache->c_handle, buffer);
-    }
+    const Key key = make_key(cache, addr);
+    const Lookup lookup = hash_buffer_find(cache, key, ptr, trylock != 0);
+    lru_rec_t *rec = lookup.rec;
+    if (rec && buffer_of(rec))
+        touch_cached(cache, rec);
+    else
+        rec = find_or_make(cache, key, lookup, ptr, trylock != 0);
     if (!rec)
         return nullptr;
     if (!fill(cache, rec, addr, populate_flags)) {
