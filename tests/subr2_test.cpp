@@ -324,8 +324,8 @@ TEST(PrivateNetwork, NoticesChangesNoMoreOftenThanTheInterval)
                                   "ip link add dummy0 type veth peer name br0\n"
                                   "ip addr add 10.7.0.1/24 dev dummy0\n"
                                   "ip link set br0 address 00:11:22:33:44:66\n"
-                                  "ip tuntap add tun0 mode tun\n"
-                                  "ip addr add 10.8.0.1/24 dev tun0\n");
+                                  "[ ! -w /dev/net/tun ] || ip tuntap add tun0 mode tun\n"
+                                  "[ ! -w /dev/net/tun ] || ip addr add 10.8.0.1/24 dev tun0\n");
             look(9);
             look(1);
             puts(("\n" + Lists().text()).c_str());

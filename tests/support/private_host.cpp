@@ -18,12 +18,15 @@ namespace
 bool enter_namespaces()
 {
     constexpr int kNamespaces = CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWUTS;
-    const uid_t uid = getuid();
+    const std::string user = std::to_string(getuid());
+    const std::string group = std::to_string(getgid());
     if (unshare(kNamespaces) != 0) {
         if (unshare(kNamespaces | CLONE_NEWUSER) != 0) {
             return false;
         }
-        write_file("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
+        write_file("/proc/self/uid_map", "0 " + user + " 1");
+        write_file("/proc/self/setgroups", "deny");
+        write_file("/proc/self/gid_map", "0 " + group + " 1");
     }
     return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount("none", "/etc", "tmpfs", 0, nullptr) == 0 && sethostname("mynode", 6) == 0 &&
