@@ -803,7 +803,7 @@ TEST_F(RepStream, PeekSpeaksWhenItsDebugFlagIsOn)
     const debug_facility saved = facility;
     __vorn_debugfn = record_log;
     for (const uint8_t size : {1, 2}) { // the flag is in the second byte
-        facility.debug_flags = flags + 2 - size;
+        facility.debug_flags = flags;
         facility.debug_flag_size = size;
         deliver("abc");
         EXPECT_EQ(peek_rep_stream(in), -1);
