@@ -611,8 +611,7 @@ VoError_t write_temp(Save *save)
 {
     const CfgEnt_t *ent;
     VoError_t status = 0;
-    TAILQ_FOREACH(ent, &save->cfg->CfgEntHead, CfgEntLink)
-    {
+    TAILQ_FOREACH (ent, &save->cfg->CfgEntHead, CfgEntLink) {
         if (ent->KovaCfgComment != nullptr) {
             status = write_comment(save, ent->KovaCfgComment);
         }
@@ -765,8 +764,7 @@ VoError_t KovaCfgCopy(KovaCfg_t **KovaCfgTrg, KovaCfg_t *KovaCfgSrc, char *ErrMs
     }
     memcpy(copy->KovaCfgPath, KovaCfgSrc->KovaCfgPath, sizeof copy->KovaCfgPath);
     CfgEnt_t *ent;
-    TAILQ_FOREACH(ent, &KovaCfgSrc->CfgEntHead, CfgEntLink)
-    {
+    TAILQ_FOREACH (ent, &KovaCfgSrc->CfgEntHead, CfgEntLink) {
         const VoError_t status = KovaCfgInsert(copy.get(), -1, ent->KovaCfgName, ent->KovaCfgVals,
                                                ent->KovaCfgComment, ErrMsg, ErrMsgSz);
         if (status != 0) {

@@ -49,8 +49,7 @@ constexpr size_t values_max = size_t{64} << 20;
 gvar_list *gvar_find(gvar_instance *gvip, std::string_view name)
 {
     gvar_list *var;
-    TAILQ_FOREACH_REVERSE(var, &gvip->gvi_head, gvar_head, gvar_link)
-    {
+    TAILQ_FOREACH_REVERSE (var, &gvip->gvi_head, gvar_head, gvar_link) {
         if (name == var->gvar_name) {
             return var;
         }
@@ -149,8 +148,7 @@ void load(gvar_instance *gvip, KovaCfg_t *cfg)
 gvar_list *holder_of(const gvar_head_t *head, const char *value)
 {
     gvar_list *var;
-    TAILQ_FOREACH(var, head, gvar_link)
-    {
+    TAILQ_FOREACH (var, head, gvar_link) {
         if (var->gvar_value() == value) {
             return var;
         }
