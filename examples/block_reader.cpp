@@ -478,10 +478,11 @@ bool read_options(int argc, char **argv, Settings &settings)
             const char *text = optarg;
             if (number.letter == letter &&
                 (!read_number(text, *number.value) || *text != '\0' || *number.value < number.min ||
-                 *number.value > number.max))
+                 *number.value > number.max)) {
                 return complain(std::string("-") + static_cast<char>(letter) +
                                 " takes a number from " + std::to_string(number.min) + " to " +
                                 std::to_string(number.max));
+            }
         }
     }
     return optind < argc || complain("which files?");

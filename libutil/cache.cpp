@@ -124,7 +124,7 @@ void unlock_record(cache_t *cache, lru_rec_t *rec, void *ptr)
     cache->c_functions->c_unlock_fn(ptr, buffer_of(rec), &rec->rec_mutex);
 }
 
-// The address hash
+// The address hash. What a hit goes through is inlined into it, so that keys stay in registers.
 
 // An address with its hash, its chain and its place in the chain's index.
 struct Key {
@@ -139,7 +139,7 @@ hbucket_t *bucket_of_slot(cache_t *cache, lru_rec_t **slot)
     return &cache->c_buckets[(slot - cache->c_index) >> cache->c_index_bits];
 }
 
-Key make_key(cache_t *cache, bufaddr_t addr)
+[[gnu::always_inline]] inline Key make_key(cache_t *cache, bufaddr_t addr)
 {
     __extension__ using uint128 = unsigned __int128;
     const uint64_t hash = cache->c_functions->c_hash_fn(addr);
@@ -167,7 +167,7 @@ bool has_address(cache_t *cache, lru_rec_t *rec, const Key &key)
 }
 
 // Under the bucket's lock. Returns the record of the address, or null.
-lru_rec_t *find_in_chain(cache_t *cache, const Key &key)
+[[gnu::always_inline]] inline lru_rec_t *find_in_chain(cache_t *cache, const Key &key)
 {
     for (lru_rec_t *rec = *key.slot; rec && rec->rec_slot == key.slot; rec = rec->rec_hash.next) {
         __builtin_prefetch(&rec->rec_mutex);
@@ -243,7 +243,8 @@ struct Lookup {
 }
 
 // Looks an address up and locks its record.
-Lookup hash_buffer_find(cache_t *cache, const Key &key, void *ptr, bool trylock)
+[[gnu::always_inline]] inline Lookup hash_buffer_find(cache_t *cache, const Key &key, void *ptr,
+                                                      bool trylock)
 {
     for (;;) {
         lock(key.bucket->h_lock);
@@ -572,10 +573,7 @@ void adapt(cache_t *cache, bool frequency_ghost)
     const int32_t recent = length(cache, CACHE_LIST_RU_GHOST);
     const int32_t frequent = length(cache, CACHE_LIST_MU_GHOST);
     int64_t target = cache->c_target;
-    if (frequency_ghost)
-        target -= std::max(recent / frequent, 1);
-    else
-        target += std::max(frequent / recent, 1);
+    target += frequency_ghost ? -std::max(recent / frequent, 1) : std::max(frequent / recent, 1);
     cache->c_target = static_cast<int32_t>(std::clamp<int64_t>(target, 0, cache->c_entries));
 }
 
@@ -781,10 +779,11 @@ cache_handle_t cache_buffer_find(cache_t *cache, bufaddr_t addr, void *ptr, int 
     const Key key = make_key(cache, addr);
     const Lookup lookup = hash_buffer_find(cache, key, ptr, trylock != 0);
     lru_rec_t *rec = lookup.rec;
-    if (rec && buffer_of(rec))
+    if (rec && buffer_of(rec)) {
         touch_cached(cache, rec);
-    else
+    } else {
         rec = find_or_make(cache, key, lookup, ptr, trylock != 0);
+    }
     if (!rec)
         return nullptr;
     if (!fill(cache, rec, addr, populate_flags)) {

@@ -24,6 +24,7 @@ class BlockReader : public ::testing::Test
         words.insert(words.begin(), {"block_reader", "-b", "512"});
         return support::run_in_child([&] {
             std::vector<char *> argv;
+            argv.reserve(words.size() + 1);
             for (std::string &word : words)
                 argv.push_back(word.data());
             argv.push_back(nullptr);
@@ -37,10 +38,11 @@ class BlockReader : public ::testing::Test
     {
         const support::Outcome outcome = run(std::move(words));
         EXPECT_TRUE(outcome.exited(status)) << outcome.out << outcome.err;
-        for (const std::string &text : texts)
+        for (const std::string &text : texts) {
             EXPECT_NE((outcome.out + outcome.err).find(text), std::string::npos)
                 << text << " is not in\n"
                 << outcome.out << outcome.err;
+        }
     }
 
     support::TempDir dir_;
@@ -67,9 +69,10 @@ TEST_F(BlockReader, ChangesReachTheFiles)
     for (size_t at = 0; at < text_.size(); at += 512)
         text_[at] = static_cast<char>(text_[at] + 10);
     EXPECT_EQ(support::read_file(one_), text_);
-    for (const char *pattern : {"zipf", "mixed"})
+    for (const char *pattern : {"zipf", "mixed"}) {
         expect(0, {"-n", "20", "-w", "30", "-l", "5000", "-p", pattern, one_, two_},
                {"changed          1500", " 0 wrong, 0 errors"});
+    }
 }
 
 TEST_F(BlockReader, RefusesWhatItCannotRead)
