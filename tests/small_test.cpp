@@ -1,10 +1,10 @@
-// small_test.cpp - the small system queries and formatters, and the hooks of a leak tracker.
+// small_test.cpp - the small system queries and formatters, dumps, and the hooks of a leak tracker.
 #include "koutil/console.h"
 #include "koutil/fmt_syserror.h"
 #include "koutil/fprintf_indent.h"
 #include "koutil/memleak_dbg.h"
 #include "koutil/memsize.h"
-#include "koutil/priv_check.h"
+#include "koutil/payload.h"
 #include "koutil/rss.h"
 #include "koutil/snprintf.h"
 #include "support/support.h"
@@ -83,28 +83,49 @@ TEST(Print, IndentsAndLeavesTextsUnchanged)
 
 TEST(Memory, RoundsToMebibytesAndSurvivesWhatTheSystemSays)
 {
-    const struct {
-        const char *text;
-        uint64_t rss;
-        uint64_t virt;
-    } cases[] = {
+    const std::tuple<const char *, uint64_t, uint64_t> cases[] = {
         {"100000 2662 9 8\n", 10, 391}, // 10.4 MiB
         {"100000 2714 9 8\n", 11, 391}, // 10.6 MiB
         {"5368717974 2 1\n", 0, 20971555}, {"12", 0, 0}, {"", 0, 0}, {"5 x", 0, 0},
     };
     uint64_t rss;
     uint64_t virt;
-    for (const auto &c : cases) {
-        statm = c.text;
+    for (const auto &[text, expected_rss, expected_virt] : cases) {
+        statm = text;
         get_rss_virt(&rss, nullptr);
         get_rss_virt(nullptr, &virt);
         statm = nullptr;
-        EXPECT_EQ(rss, c.rss) << c.text;
-        EXPECT_EQ(virt, c.virt) << c.text;
+        EXPECT_TRUE(rss == expected_rss && virt == expected_virt) << text;
     }
     get_rss_virt(&rss, nullptr);
-    EXPECT_GT(rss, 0u);
-    EXPECT_GT(get_ram_size_in_bytes(), rss << 20);
+    EXPECT_TRUE(rss > 0 && get_ram_size_in_bytes() > rss << 20);
+}
+
+TEST(Payload, LaysOutLinesAndCollapsesRunsOfZeroLines)
+{
+    const auto dump = [](const std::string &bytes, int space, int do_skip, unsigned offset) {
+        return support::capture(1, [&] {
+            dump_payload(stdout, space, do_skip,
+                         reinterpret_cast<const unsigned char *>(bytes.data()),
+                         static_cast<unsigned>(bytes.size()), offset);
+        });
+    };
+    EXPECT_EQ(dump("", 4, 0, 0), "");
+    EXPECT_EQ(dump("a", 0, 0, 256), " 0100:  61 |a\n");
+    EXPECT_EQ(dump("ab\n", 35, 0, 0x10000), std::string(35, ' ') + "10000:  6162 0a |ab.\n");
+    EXPECT_EQ(dump("0123456789 ~\x7f\x1f\x80\xff" + std::string("abcd"), 1, 1, 0xfffffff0),
+              " fffffff0:  3031 3233 3435 3637 3839 207e 7f1f 80ff  |0123456789 ~....\n"
+              " 0000:  6162 6364  |abcd\n");
+    const std::string text = "################";
+    const std::string hash = "2323 2323 2323 2323 2323 2323 2323 2323  |################\n";
+    const std::string nil(16, '\0');
+    const std::string zero = "0000 0000 0000 0000 0000 0000 0000 0000  |................\n";
+    EXPECT_EQ(dump(text + nil + text, 2, 1, 0),
+              "  0000:  " + hash + "  0010:  " + zero + "  0020:  " + hash);
+    EXPECT_EQ(dump(nil + nil + nil + "x", 2, 1, 0),
+              "  0000:  " + zero + "         .........\n  0030:  78 |x\n");
+    EXPECT_EQ(dump(nil + nil.substr(3), 2, 1, 0), "  0000:  " + zero);
+    EXPECT_EQ(dump(nil + nil, 2, 0, 0), "  0000:  " + zero + "  0010:  " + zero);
 }
 
 TEST(LeakHooks, CheckSizesOnceAndReportNothing)
