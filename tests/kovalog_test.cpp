@@ -23,8 +23,8 @@
 namespace
 {
 
+const int utc = setenv("TZ", "UTC0", 1);
 timeval now = {1767366245, 678}; // 20260102 15:04:05 UTC
-bool local_time_fails = false;
 bool disk_full = false;
 std::atomic<bool> slow_writes{false};
 
@@ -66,34 +66,24 @@ extern "C" int gettimeofday(timeval *time, void *) noexcept
     return 0;
 }
 
-extern "C" tm *localtime_r(const time_t *time, tm *result) noexcept
-{
-    errno = EOVERFLOW;
-    return local_time_fails ? nullptr : gmtime_r(time, result);
-}
-
 extern "C" ssize_t write(int fd, const void *bytes, size_t size)
 {
-    if (disk_full) {
-        errno = ENOSPC;
-        return -1;
-    }
     if (slow_writes) {
         usleep(100); // and a point of cancellation, as the real one is
     }
-    return syscall(SYS_write, fd, bytes, size);
+    return syscall(SYS_write, disk_full ? -1 : fd, bytes, size);
 }
 
-TEST(LogLine, FormatsAsThePlatformDoes)
+TEST(LogLine, FormatsAsThePlatformDoesAndFollowsClockThreadAndProcess)
 {
     const char *begins[] = {"(?)", " D ", " I ", "(W)", "(E)", "(F)", "(C)", "(?)"};
     for (int level = -1; level <= 6; level++) {
         EXPECT_EQ(printed(level, "m\n"), begins[level + 1] + stamp() + "m\n");
     }
     const auto expect_same = [](const char *format, auto... args) {
-        char expected[2000];
-        snprintf(expected, sizeof expected, format, args...);
-        EXPECT_EQ(printed(1, format, args...), " I " + stamp() + expected) << format;
+        char text[2000];
+        snprintf(text, sizeof text, format, args...);
+        EXPECT_EQ(printed(1, format, args...), " I " + stamp() + text) << format;
     };
     const char *volatile null_text = nullptr;
     expect_same("%s|%s|%s|%%|", "a", "", null_text);
@@ -113,10 +103,6 @@ TEST(LogLine, FormatsAsThePlatformDoes)
                                  : "(E) [20260102 15:04:05] log message overflowed\n");
         }
     }
-}
-
-TEST(LogLine, FollowsClockThreadProcessAndFailure)
-{
     now = {now.tv_sec + 86399, 999999};
     const auto right = [] {
         return printed(2, "x") == "(W)" + stamp("20260103 15:04:04.999999") + "x";
@@ -124,10 +110,8 @@ TEST(LogLine, FollowsClockThreadProcessAndFailure)
     EXPECT_TRUE(right());
     std::thread([&] { EXPECT_TRUE(right()); }).join();
     EXPECT_TRUE(support::run_in_child([&] { return right(); }).exited(1));
-    local_time_fails = true;
-    now.tv_sec++;
+    now.tv_sec = INT64_MAX; // no year of the calendar
     EXPECT_EQ(printed(2, "x"), "(W)" + stamp("????.999999") + "x");
-    local_time_fails = false;
     now = {1767366245, 678};
 }
 
@@ -207,16 +191,16 @@ TEST_F(LogFile, TriesAgainAfterAFailedOpenButNotAfterAFailedRename)
 
 TEST_F(LogFile, SetupsNestAndReport)
 {
-    int isset = 9;
-    int fd = 9;
-    int count = 9;
-    uint64_t size = 9;
-    char *file = nullptr;
+    int isset;
+    int fd;
+    int count;
+    uint64_t size;
+    char *file;
     ASSERT_EQ(SetupLogFile(name, -1, 3), 1);
     GetLogFileInfo(&isset, &fd, &file, &size, &count);
     EXPECT_TRUE(isset == 1 && fd == __vorn_log_file_fd && size == UINT64_MAX && count == 3);
     EXPECT_STREQ(file, name);
-    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
     CloseLog();
     EXPECT_LT(fcntl(fd, F_GETFD), 0);
     GetLogFileInfo(&isset, &fd, &file, &size, &count);
@@ -225,16 +209,14 @@ TEST_F(LogFile, SetupsNestAndReport)
         SetupLogFile("-", 1, 3);
         SetupLogFile("-", 1, 3);
         CloseLog();
-        log(2, "a");
-        log(2, "b");
+        log(2, "%80s", "b");
         int set = 0;
         GetLogFileInfo(&set, nullptr, nullptr, nullptr, nullptr);
         CloseLog();
-        GetLogFileInfo(nullptr, nullptr, nullptr, nullptr, nullptr);
         return set * 10 + __vorn_log_file_fd;
     });
     EXPECT_TRUE(child.exited(12));
-    EXPECT_EQ(child.err.substr(child.err.size() - 1), "b");
+    EXPECT_EQ(child.err.back(), 'b'); // and no rotation
 }
 
 TEST_F(LogFile, EightThreadsLoseTearAndDoubleNothing)
@@ -243,19 +225,18 @@ TEST_F(LogFile, EightThreadsLoseTearAndDoubleNothing)
     constexpr int lines = 400;
     ASSERT_EQ(SetupLogFile(name, 4000, 100000), 1);
     slow_writes = true; // so that most forks and cancellations meet a held lock
-    std::vector<std::thread> writers;
-    for (int t = 0; t < threads; t++) {
-        writers.emplace_back([t] {
+    std::thread writers[threads];
+    for (auto &writer : writers) {
+        writer = std::thread([t = &writer - writers] {
             for (int i = 0; i < lines; i++) {
-                log(t % 6, i % 2 == 0 ? "<%d %d>\n" : "<%d %02d>\n", t, i);
+                log(2, i % 2 == 0 ? "<%ld %d>\n" : "<%ld %02d>\n", t, i);
             }
         });
     }
-    for (int i = 0; i < 20; i++) { // a child logs whatever its parent's threads are at
-        std::thread victim([i] {
-            for (int line = 0;; line++) {
-                log(1, "<victim %d %d>\n", i, line);
-                pthread_testcancel();
+    for (int n = 0; n < 20; n++) { // a child logs whatever its parent's threads are at
+        std::thread victim([] {
+            for (;; pthread_testcancel()) {
+                log(1, "victim\n");
             }
         });
         const pid_t child = fork();
@@ -281,9 +262,7 @@ TEST_F(LogFile, EightThreadsLoseTearAndDoubleNothing)
         std::istringstream file(support::read_file(path));
         for (std::string line; std::getline(file, line);) {
             ASSERT_TRUE(line.find(stamp().substr(0, 26)) == 3 || line == "Rotating Log File");
-            if (line.find("] <") != std::string::npos && line.find("victim") == std::string::npos) {
-                EXPECT_TRUE(seen.insert(line.substr(line.find("] "))).second) << line;
-            }
+            EXPECT_TRUE(line[0] != '(' || seen.insert(line.substr(line.find("] "))).second) << line;
         }
     }
     EXPECT_GT(files, 20);
@@ -293,9 +272,9 @@ TEST_F(LogFile, EightThreadsLoseTearAndDoubleNothing)
 namespace
 {
 
-vornlog_legend_t nine[] = {
-    {0, "zero", "d"}, {1, "one", "d"}, {2, "two", "d"},   {3, "three", "d"}, {4, "four", "d"},
-    {5, "five", "d"}, {6, "six", "d"}, {7, "seven", "d"}, {8, "eight", "d"}, {0, nullptr, nullptr}};
+vornlog_legend_t nine[] = {{0, "zero", "d"}, {1, "one", "d"},      {2, "two", "d"}, {3, "3", "d"},
+                           {4, "4", "d"},    {5, "5", "d"},        {6, "6", "d"},   {7, "7", "d"},
+                           {8, "eight", ""}, {0, nullptr, nullptr}};
 vornlog_legend_t far_legend[] = {{0, "zero", "other"}, {900, "far", "d"}, {0, nullptr, nullptr}};
 
 std::string flags(int facility)
@@ -326,25 +305,21 @@ TEST(Facilities, AreSetUpOnceAndAgainAfterTheirEnd)
 {
     std::vector<vornlog_legend_t> huge(2042, {0, "k", "d"});
     huge[2041].vornlog_legend_key = nullptr;
-    EXPECT_EQ(init_facility(-1, "x", nine), 22);
     EXPECT_EQ(init_facility(DBG_FAC_END, "x", nine), 22);
     EXPECT_EQ(init_facility(1, "x", huge.data()), 22);
     EXPECT_EQ(init_facility(1, "named", nine + 9), 22);
     EXPECT_STREQ(facilities[1].name, "named");
     EXPECT_EQ(flags(1), "0x");
     if (support::memory_can_fail) {
-        char *hex = nullptr;
         support::out_of_memory = true;
-        const int sum = init_facility(1, "x", nine) + DebugFlagsHexString(&hex, 1);
-        const bool no_lists = _GetDebugStrings(nine) == nullptr && GetAllDebugStrings() == nullptr;
+        const int result = init_facility(1, "x", nine);
+        char **const all = GetAllDebugStrings();
         support::out_of_memory = false;
-        EXPECT_TRUE(sum == 12 + 12 && no_lists);
+        EXPECT_TRUE(result == 12 && all == nullptr);
     }
-    EXPECT_EQ(facility_valid(1) | facility_valid(DBG_FAC_END), 0);
     EXPECT_EQ(init_facility(1, std::string(99, 'n').c_str(), nine), 0);
     EXPECT_EQ(facilities[1].name, std::string(63, 'n'));
     EXPECT_EQ(init_facility(1, "x", nine), 16);
-    EXPECT_EQ(facility_valid(1), 1);
     facility_at_exit(1);
     EXPECT_STREQ(facilities[1].name, "_facility_at_exit()_");
     EXPECT_EQ(init_facility(1, "", far_legend), 0); // no name: listed, but not valid
