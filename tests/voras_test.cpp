@@ -56,7 +56,8 @@ TEST(RasEvent, NamesCallerProcessAndFileSystem)
     };
     for (const auto &[caller, fs, said, expected] : cases) {
         CallerName = const_cast<char *>(caller);
-        strncpy(FsName, fs.c_str(), sizeof FsName);
+        memset(FsName, 0, sizeof FsName);
+        fs.copy(FsName, sizeof FsName);
         events = "";
         EXPECT_EQ(RasEvent("SL_EVT", "%s", said.c_str()), 77);
         EXPECT_EQ(events, "SL_EVT|" + expected + "\n");
