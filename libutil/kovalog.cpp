@@ -168,11 +168,11 @@ struct Writer {
 };
 
 // Writes one conversion of a simple message and steps behind it; false for any other conversion.
-bool put_conversion(Writer &out, const char *&spec, va_list args)
+bool put_conversion(Writer &out, const char *&conversion, va_list args)
 {
-    const bool wide = *spec == 'l' || *spec == 'z'; // all 64 bits wide here, "ll" too
-    spec += wide ? (spec[0] == 'l' && spec[1] == 'l' ? 2 : 1) : 0;
-    switch (*spec++) {
+    const bool wide = *conversion == 'l' || *conversion == 'z'; // all 64 bits wide here, "ll" too
+    conversion += wide ? (conversion[0] == 'l' && conversion[1] == 'l' ? 2 : 1) : 0;
+    switch (*conversion++) {
     case 'd':
         wide ? out.put_number(va_arg(args, int64_t)) : out.put_number(va_arg(args, int));
         return true;
