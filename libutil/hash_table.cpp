@@ -217,10 +217,11 @@ bool name_is_key(const bucket_t *entry, const void *key)
 void name_destroy_key(hash_t *table, bucket_t *entry)
 {
     const size_t size = name_entry_size(entry->h_u.hu_name_key);
-    if (size <= kNameEntryLargest)
+    if (size <= kNameEntryLargest) {
         give(table, entry, name_free_list_of);
-    else
+    } else {
         free(entry);
+    }
 }
 
 // Numbers: all entries of a table have one size. Those above the limit are malloc'd.
@@ -262,10 +263,11 @@ bool uint64_is_key(const bucket_t *entry, const void *key)
 
 void uint64_val_destroy_key(hash_t *table, bucket_t *entry)
 {
-    if (number_entry_size(table) <= kNumberEntryLargest)
+    if (number_entry_size(table) <= kNumberEntryLargest) {
         give(table, entry, number_free_list);
-    else
+    } else {
         free(entry);
+    }
 }
 
 void uint64_destroy_key(hash_t *table, bucket_t *entry)
