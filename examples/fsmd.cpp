@@ -305,6 +305,9 @@ class BlockStore
             block->hash = block->hash_now();
             status = write_all(file, reinterpret_cast<const char *>(block.get()), sizeof *block);
         }
+        if (status == 0 && fsync(file->_KovaHndl) != 0) {
+            status = errno;
+        }
         const VoError_t closed = KovaClose(&file);
         status = status != 0 ? status : closed;
         return status != 0 ? status : KovaRename(unfinished.c_str(), path.c_str());
@@ -395,7 +398,7 @@ cache_fn_vec_t BlockStore::callbacks = {
 struct Connection {
     SOCKET_T fd = -1;
     in46addr_t address = {};
-    monotime_t active = {}; // when it last made progress
+    monotime_t active = {}; // when its request began to be awaited, came, or was answered
     bool busy = false;
     bool closing = false; // when the answer has left
     bool failed = false;
@@ -417,7 +420,6 @@ struct Connection {
         const ssize_t sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (sent > 0) {
             out.erase(0, static_cast<size_t>(sent));
-            active = GetMonoStamp();
         } else if (sent < 0 && errno != EAGAIN && errno != EINTR) {
             failed = true;
         }
@@ -479,7 +481,7 @@ class Daemon
     monotime_t kept_house_ = {};
     FsmListHndl_t *fsm_list_ = nullptr;
     void *variables_ = nullptr;
-    uint64_t patience_ = 0; // with silent connections, in microseconds
+    uint64_t patience_ = 0; // for a request to come, and for its answer to leave; microseconds
     std::atomic<int> open_connections_{0};
     std::atomic<bool> idle_{false};
 
@@ -708,6 +710,9 @@ void Daemon::accept_from(SOCKET_T listener)
         uint16_t port = 0;
         const SOCKET_T fd = Accept(listener, &connection->address, &port);
         if (fd == -1) {
+            if (errno == EMFILE || errno == ENFILE) { // asking again at once would be in vain
+                DPollClr(listener, &poll_);
+            }
             return;
         }
         connection->fd = fd;
@@ -769,7 +774,6 @@ void Daemon::read_from(Connection &connection)
     const ssize_t got = recv(connection.fd, bytes, sizeof bytes, 0);
     if (got > 0) {
         connection.in.append(bytes, static_cast<size_t>(got));
-        connection.active = GetMonoStamp();
         next_request(connection);
     } else if (got == 0 || (errno != EAGAIN && errno != EINTR)) {
         drop(connection.fd, got == 0 ? "end" : "error");
@@ -802,6 +806,7 @@ void Daemon::next_request(Connection &connection)
 void Daemon::dispatch(Connection &connection, std::string line)
 {
     DPollClr(connection.fd, &poll_);
+    connection.active = GetMonoStamp();
     connection.request = std::move(line);
     connection.busy = true;
     commblk_t *block = MsgQ_Get();
@@ -842,6 +847,7 @@ void Daemon::after_answer(Connection &connection)
             drop(connection.fd, "out of memory");
         }
     } else {
+        connection.active = GetMonoStamp();
         next_request(connection);
     }
 }
@@ -871,7 +877,12 @@ void Daemon::housekeeping()
         }
     }
     for (SOCKET_T fd : silent) {
-        drop(fd, "silent for too long");
+        drop(fd, "too slow");
+    }
+    for (SOCKET_T listener : listeners_) { // one of them may have been put aside
+        if (listener != -1) {
+            DPollSet(listener, POLLIN, &poll_);
+        }
     }
 }
 
