@@ -24,9 +24,11 @@
  * On failure:     nothing reports an error. A violated requirement is a programming error and stops
  *                 the process at once by a write through a null pointer, without a message.
  * Thread safety:  none here; the owner of a list serialises its operations. Walkers hold the
- * owner's lock during each call and may release it between calls. Linkage:        the functions are
- * defined here so that compilers inline them, and the library exports each of them: a call that is
- * not inlined, and an address that is taken, lead to the exported one.
+ *                 owner's lock during each call and may release it between calls.
+ *
+ * Linkage:        the functions are defined here so that compilers inline them, and the library
+ *                 exports each of them: a call that is not inlined, and an address that is taken,
+ *                 lead to the exported one.
  *
  *     struct client { Link_t link; int id; };
  *     InitHdr(&clients);
@@ -52,8 +54,8 @@ typedef struct LinkList {
 
 /* A list. Both fields are null when it is empty. */
 typedef struct LinkListHdr {
-    Link_t *h_first;
-    Link_t *h_last;
+    Link_t *h_first; /* the head */
+    Link_t *h_last;  /* the tail */
 } ListHdr_t;
 
 /* Walks that one FpHdr_t can have at the same time. */
@@ -62,9 +64,9 @@ typedef struct LinkListHdr {
 /* A list with markers. Walk i stands at fp_marker[i] and ends at fp_post[i]; the slot is free while
  * fp_marker[i].n_hdr is null. */
 typedef struct _fphdr {
-    ListHdr_t fp_hdr;
-    Link_t fp_marker[FP_MARKERS];
-    Link_t fp_post[FP_MARKERS];
+    ListHdr_t fp_hdr;             /* the list itself */
+    Link_t fp_marker[FP_MARKERS]; /* where each walk stands */
+    Link_t fp_post[FP_MARKERS];   /* where each walk ends */
 } FpHdr_t;
 
 /* Make a list empty. */

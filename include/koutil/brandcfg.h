@@ -51,13 +51,13 @@ typedef void (*keywordFunc_t)(int keyword, char *keyval, char *buf, int buflen);
 
 /* One keyword of the file. */
 typedef struct keywordTbl_s {
-    char *keyword;
+    char *keyword;      /* as it stands in the file */
     char *buf;          /* the text that receives the value */
     int buflen;         /* 33: how much of it a value may use */
     keywordFunc_t func; /* stores the value; may be handed a staging copy of `buf` */
 } keywordTbl_t;
 
-#define BRAND_KEYWORDS 4
+#define BRAND_KEYWORDS 4 /* rows of the table */
 
 /* The keywords, in the order of the texts above. */
 KO_API extern keywordTbl_t keywordTbl[BRAND_KEYWORDS];

@@ -41,6 +41,7 @@ typedef void *bufaddr_t;
 /* What the caller keeps in a buffer is its own business. */
 typedef void cache_buf_t;
 
+/* A lock of the cache or of one record. */
 typedef thread_mutex_t cache_lock_t;
 
 /* A locked record. */
@@ -95,11 +96,11 @@ typedef struct lru_rec {
     struct {
         struct lru_rec *next; /* less recently used */
         struct lru_rec *prev; /* more recently used */
-    } rec_lru;
+    } rec_lru;                /* links of the list */
     struct {
-        struct lru_rec *next;
-        struct lru_rec *prev;
-    } rec_hash;
+        struct lru_rec *next;  /* in the chain */
+        struct lru_rec *prev;  /* in the chain */
+    } rec_hash;                /* links of the chain */
     cache_lock_t rec_mutex;    /* taken and released through the caller's functions only */
     cache_buf_t *rec_buffer;   /* null for ghosts and free records */
     uint64_t rec_hashval;      /* private: the hash of the address */
@@ -107,47 +108,48 @@ typedef struct lru_rec {
     unsigned char rec_addr[8]; /* the address; records are allocated with the cache's size of it */
 } lru_rec_t;
 
+/* One list of records. */
 typedef struct lru_list {
-    int32_t lru_len;
-    int32_t lru_next_list; /* where a record goes that is evicted from this list */
-    int32_t lru_inserts;
-    int32_t lru_removes;
+    int32_t lru_len;        /* records now on it */
+    int32_t lru_next_list;  /* where a record goes that is evicted from this list */
+    int32_t lru_inserts;    /* records ever put on it */
+    int32_t lru_removes;    /* records ever taken off it */
     int32_t lru_evict_fail; /* evictions that found no victim here */
     struct {
         struct lru_rec *head; /* most recently used */
         struct lru_rec *tail; /* least recently used */
-    } lru_queue;
+    } lru_queue;              /* the records, by their last use */
 } lru_list_t;
 
 /* One chain of the address hash. */
 typedef struct hbucket {
-    struct lru_rec *h_list;
-    int32_t h_depth;
-    int32_t h_gen; /* raised by every insertion */
-    cache_lock_t h_lock;
+    struct lru_rec *h_list; /* its first record */
+    int32_t h_depth;        /* records in it */
+    int32_t h_gen;          /* raised by every insertion */
+    cache_lock_t h_lock;    /* guards the chain */
 } hbucket_t;
 
 /* A cache. The fields are for reading, under c_lru_lock or while no other thread uses the cache;
  * the counters wrap. */
 typedef struct cache {
-    hbucket_t *c_buckets;
-    int32_t c_bucket_cnt;
-    int32_t c_entries; /* the most buffers held at once while evictions succeed */
-    int32_t c_target;  /* wanted length of CACHE_LIST_RU, from 0 to c_entries */
-    int32_t c_cache_hit;
-    int32_t c_ghost_hit;
-    int32_t c_cache_miss;
-    int32_t c_addr_size;
-    cache_lock_t c_lru_lock; /* guards the lists, the target and the counters */
-    lru_list_t c_lists[CACHE_LISTS];
-    lru_rec_t *lru_records;
-    int32_t lru_record_size; /* bytes of all records; INT32_MAX where it is more */
-    cache_fn_vec_t *c_functions;
-    void *c_handle;
-    struct lru_rec **c_index; /* private */
-    uint64_t c_reciprocal;    /* private */
-    size_t c_record_bytes;    /* private */
-    int32_t c_index_bits;     /* private */
+    hbucket_t *c_buckets;            /* the hash chains */
+    int32_t c_bucket_cnt;            /* their number */
+    int32_t c_entries;               /* the most buffers held at once while evictions succeed */
+    int32_t c_target;                /* wanted length of CACHE_LIST_RU, from 0 to c_entries */
+    int32_t c_cache_hit;             /* lookups that found a buffer */
+    int32_t c_ghost_hit;             /* lookups that found an address without a buffer */
+    int32_t c_cache_miss;            /* lookups that found nothing */
+    int32_t c_addr_size;             /* bytes of an address */
+    cache_lock_t c_lru_lock;         /* guards the lists, the target and the counters */
+    lru_list_t c_lists[CACHE_LISTS]; /* by CACHE_LIST_... */
+    lru_rec_t *lru_records;          /* all records, in one block */
+    int32_t lru_record_size;         /* bytes of all records; INT32_MAX where it is more */
+    cache_fn_vec_t *c_functions;     /* the caller's functions */
+    void *c_handle;                  /* as given to cache_init */
+    struct lru_rec **c_index;        /* private */
+    uint64_t c_reciprocal;           /* private */
+    size_t c_record_bytes;           /* private */
+    int32_t c_index_bits;            /* private */
 } cache_t;
 
 /* Create a cache of at most `entries` buffers for addresses of `addr_size` bytes. `functions` must

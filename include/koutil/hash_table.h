@@ -35,8 +35,8 @@ KO_BEGIN_DECLS
 
 /* What an insert returns: the slot that holds an entry's value. */
 typedef union {
-    uint64_t value;
-    void *pvalue;
+    uint64_t value; /* the same bits as a number */
+    void *pvalue;   /* the value */
 } hash_val_t;
 
 /* Create a table keyed by names, with `buckets` chains; 0 is taken as 1.

@@ -23,9 +23,10 @@ KO_BEGIN_DECLS
  * Returns `name`. */
 KO_API char *GetHostFromIp(const in46addr_t *a, char *name);
 
-/* The same, but the resolver is not asked for an address whose lookup failed within the last 30
- * minutes. What is remembered is never bounded, so use it for addresses of the cluster and its
- * clients; where memory runs out nothing is remembered and the answer is the same.
+/* Write the name of the host with the address `a`, as GetHostFromIp does, but without asking the
+ * resolver for an address whose lookup failed within the last 30 minutes. What is remembered is
+ * never bounded, so use it for addresses of the cluster and its clients; where memory runs out
+ * nothing is remembered and the answer is the same.
  *
  * Returns `name`. */
 KO_API char *GetHostFromIpFailCache(const in46addr_t *a, char *name);

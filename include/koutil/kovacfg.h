@@ -67,19 +67,19 @@ typedef struct CfgEnt_s {
     int KovaCfgIntsValid[KOVACFG_MAX_VALS]; /* 1: the value is a number (StrToInt64), else 0 */
     int IsMetaData;                         /* 1: from a metadata line */
     int64_t KovaCfgInts[KOVACFG_MAX_VALS];  /* the value's number, 0 where it is none */
-    TAILQ_ENTRY(CfgEnt_s) CfgEntLink;
-    char *_WorkBuff;
-    size_t _WorkBuffSz; /* bytes */
+    TAILQ_ENTRY(CfgEnt_s) CfgEntLink;       /* link of the list */
+    char *_WorkBuff;                        /* private: holds the texts */
+    size_t _WorkBuffSz;                     /* bytes */
 } CfgEnt_t;
 
 TAILQ_HEAD(CfgEntHead_s, CfgEnt_s);
 
 /* A loaded file. */
 typedef struct KovaCfg_s {
-    char KovaCfgPath[256];
-    KovaFlgs_t KovaFlgs;  /* as given to KovaCfgOpen */
-    KovaHndl_t *KovaHndl; /* null in a copy, and after a save that failed halfway */
-    KovaCfgType_t KovaCfgType;
+    char KovaCfgPath[256];          /* as given to KovaCfgOpen */
+    KovaFlgs_t KovaFlgs;            /* as given to KovaCfgOpen */
+    KovaHndl_t *KovaHndl;           /* null in a copy, and after a save that failed halfway */
+    KovaCfgType_t KovaCfgType;      /* as given to KovaCfgOpen */
     struct CfgEntHead_s CfgEntHead; /* the entries in the order of the file */
 } KovaCfg_t;
 

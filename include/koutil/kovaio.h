@@ -39,6 +39,7 @@
 
 KO_BEGIN_DECLS
 
+/* A size, offset or count of bytes. */
 typedef size_t KovaSz_t;
 
 /* How to open a file: an OR of the bits below. Without KOVA_OPEN_RDWR the file is read-only. */
@@ -61,6 +62,7 @@ typedef struct KovaHndl_s {
     int _KovaHndlMmapRefCnt; /* 0 */
 } KovaHndl_t;
 
+/* What a path names, as KovaStat reports it. */
 typedef struct KovaStat_s {
     KovaSz_t KovaSz;         /* size in bytes */
     KovaFiType_t KovaFiType; /* KOVA_FITYPE_... */
@@ -69,6 +71,7 @@ typedef struct KovaStat_s {
     time_t KovaCtime;        /* last status change */
 } KovaStat_t;
 
+/* The sizes of a file system. */
 typedef struct KovaStatFS_s {
     KovaSz_t KovaBSize;  /* block size of the file system */
     uint64_t KovaBlocks; /* blocks in all */

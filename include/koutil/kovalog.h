@@ -79,6 +79,7 @@ KO_API int RotateLogs(int count, const char *filename);
 KO_API void GetLogFileInfo(int *isset, int *fd, char **filename, uint64_t *filesize,
                            int *filecount);
 
+/* How the platform declares gettid, so that both declarations agree. */
 #ifdef __cplusplus
 #define KO_NOTHROW noexcept
 #else
@@ -113,7 +114,7 @@ typedef struct vornlog_legend_struct {
 
 /* One facility. It is valid while both pointers are set and the name is not empty. */
 struct debug_facility {
-    char name[64];
+    char name[64];                  /* as in log output, terminated */
     uint8_t debug_flag_size;        /* bytes of the flag array */
     uint8_t *debug_flags;           /* the bits, owned by the record */
     vornlog_legend_t *debug_legend; /* owned by the caller of init_facility */
@@ -143,8 +144,10 @@ KO_API void facility_at_exit(int facility);
  * Returns 0, or -1 at the first name that no facility knows; flags set so far stay set. */
 KO_API int ParseAllDebugParams(char *options);
 
-/* Do the same for one legend and the `words` bytes at `debugflags`. A flag beyond them is known but
- * has no bit to set. */
+/* Switch all flags off and those on that `options` names, as ParseAllDebugParams does, for one
+ * legend and the `words` bytes at `debugflags`. A flag beyond them is known but has no bit to set.
+ *
+ * Returns 0, or -1 at the first name that the legend lacks. */
 KO_API int _ParseDebugParams(char *options, const vornlog_legend_t *legend, uint8_t *debugflags,
                              uint32_t words);
 

@@ -53,7 +53,7 @@ KO_API extern vorn_logfunc_t __vorn_logfn;
 /* Where debug messages that a facility flag switches on go; the default does nothing. */
 KO_API extern vorn_debugfunc_t __vorn_debugfn;
 
-/* The initial values of the two hooks above: they do nothing. */
+/* The initial values of __vorn_logfn and __vorn_debugfn: they do nothing. */
 KO_API void __vorn_logfn_default(int level, char *fmt, ...);
 KO_API void __vorn_debugfn_default(int level, char *fmt, ...);
 
@@ -83,9 +83,9 @@ KO_API void common_WriteLog(int logtype, char *str);
 /* Route WriteLog to __vorn_logfn by setting it to _writelog_wrapper, unless it is already set. */
 KO_API void kova_log_init_defaults(void);
 
-/* The WriteLog hook that leads to __vorn_logfn. `level` is a log type; types without a level in the
- * table above are dropped. The text reaches __vorn_logfn as the argument of a "%s" format, so a
- * percent sign in it stays what it is. */
+/* The WriteLog hook that leads to __vorn_logfn. `level` is a log type; types without a level (see
+ * the table at the top of logger.h) are dropped. The text reaches __vorn_logfn as the argument of a
+ * "%s" format, so a percent sign in it stays what it is. */
 KO_API void _writelog_wrapper(int level, char *msg);
 
 /* Map a log type to a log level and hand the finished message `fmt` to __vorn_logfn, as the

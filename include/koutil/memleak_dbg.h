@@ -19,7 +19,7 @@ KO_BEGIN_DECLS
 
 /* A snapshot of the memory in use. */
 typedef struct zelmemdbg_snap {
-    char md_mem_state[1];
+    char md_mem_state[1]; /* a tracker's */
 } zelmemdbg_snap_t;
 
 /* The name given to zelmemdbg_prog_init: not terminated when it fills the array. */

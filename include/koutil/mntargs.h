@@ -84,33 +84,33 @@ typedef struct _mntargs {
     uint64_t ma_auto_dma_read_length;  /* smallest read done as direct DMA, bytes */
     uint64_t ma_auto_dma_write_length; /* smallest write done as direct DMA, bytes */
     uint32_t ma_iso8859;               /* name conversion selector */
-    uint32_t pad_2;
-    uint64_t ma_ingest_max_seg_size; /* largest distance between ingest fences, bytes */
-    uint32_t ma_ingest_max_seg_age;  /* seconds before ingest segments are sent */
-    uint32_t pad_3;
-    char ma_fsdispname[256];   /* display name */
-    char ma_fsname[256];       /* file-system name */
-    char ma_mntpoint[256];     /* mount point */
-    uint32_t ma_rtreqtimeout;  /* realtime request time-out */
-    uint32_t ma_rtreqretry;    /* token and realtime I/O retries */
-    uint32_t ma_pxpath;        /* TOVAN load-balancing mode */
-    uint32_t ma_rescantimeout; /* TOVAN rescan time-out in tenths of a second */
-    uint64_t ma_max_dma;       /* largest DMA a process may issue */
-    uint64_t ma_max_dev;       /* largest I/O issued to the disk driver */
-    uint32_t ma_nnfsdmons;     /* NFS server worker threads */
-    uint32_t pad_4;
-    char ma_winregkeynm[33]; /* registry key; not used by the library */
-    char pad_5[7];
-    uint64_t ma_maxnppoolmb;      /* non-paged memory limit in MB */
-    uint32_t ma_px_read_timeout;  /* TOVAN read time-out, seconds */
-    uint32_t ma_px_write_timeout; /* TOVAN write time-out, seconds */
-    uint32_t ma_numnicargs;       /* interface records that follow, at most 48 */
-    uint32_t ma_io_retry_time;    /* seconds for the I/O retry decision */
-    uint32_t ma_io_penalty_time;  /* seconds an I/O path is penalised */
-    uint32_t pad_6;
-    uint8_t ma_guid_win_cli[16]; /* not used by the library */
-    uint64_t ma_optbuf;          /* not used by the library */
-    uint64_t ma_proxynicargs;    /* address of the first interface record; set by a copy */
+    uint32_t pad_2;                    /* 0 */
+    uint64_t ma_ingest_max_seg_size;   /* largest distance between ingest fences, bytes */
+    uint32_t ma_ingest_max_seg_age;    /* seconds before ingest segments are sent */
+    uint32_t pad_3;                    /* 0 */
+    char ma_fsdispname[256];           /* display name */
+    char ma_fsname[256];               /* file-system name */
+    char ma_mntpoint[256];             /* mount point */
+    uint32_t ma_rtreqtimeout;          /* realtime request time-out */
+    uint32_t ma_rtreqretry;            /* token and realtime I/O retries */
+    uint32_t ma_pxpath;                /* TOVAN load-balancing mode */
+    uint32_t ma_rescantimeout;         /* TOVAN rescan time-out in tenths of a second */
+    uint64_t ma_max_dma;               /* largest DMA a process may issue */
+    uint64_t ma_max_dev;               /* largest I/O issued to the disk driver */
+    uint32_t ma_nnfsdmons;             /* NFS server worker threads */
+    uint32_t pad_4;                    /* 0 */
+    char ma_winregkeynm[33];           /* registry key; not used by the library */
+    char pad_5[7];                     /* 0 */
+    uint64_t ma_maxnppoolmb;           /* non-paged memory limit in MB */
+    uint32_t ma_px_read_timeout;       /* TOVAN read time-out, seconds */
+    uint32_t ma_px_write_timeout;      /* TOVAN write time-out, seconds */
+    uint32_t ma_numnicargs;            /* interface records that follow, at most 48 */
+    uint32_t ma_io_retry_time;         /* seconds for the I/O retry decision */
+    uint32_t ma_io_penalty_time;       /* seconds an I/O path is penalised */
+    uint32_t pad_6;                    /* 0 */
+    uint8_t ma_guid_win_cli[16];       /* not used by the library */
+    uint64_t ma_optbuf;                /* not used by the library */
+    uint64_t ma_proxynicargs;          /* address of the first interface record; set by a copy */
 } mntargs_t;
 
 /* Bits of ma_mountoptions. VoMntArgsMntOptsAutoSet derives the ..._CHANGED ones: each says that
@@ -122,9 +122,9 @@ typedef struct _mntargs {
 #define MNTOPT_AUTODMARD_CHANGED    UINT64_C(0x200000)
 #define MNTOPT_AUTODMAWR_CHANGED    UINT64_C(0x400000)
 #define MNTOPT_READAHEAD_CHANGED    UINT64_C(0x800000)
-#define MNTOPT_CACHE_CHANGED        UINT64_C(0x2000000) /* cachemax, cachelow or cachehigh */
-#define MNTOPT_TOVAN_CLIENT         UINT64_C(0x80000000)
-#define MNTOPT_TOVAN_SERVER         UINT64_C(0x100000000)
+#define MNTOPT_CACHE_CHANGED        UINT64_C(0x2000000)   /* cachemax, cachelow or cachehigh */
+#define MNTOPT_TOVAN_CLIENT         UINT64_C(0x80000000)  /* the mount uses the TOVAN proxy */
+#define MNTOPT_TOVAN_SERVER         UINT64_C(0x100000000) /* the host serves as TOVAN proxy */
 #define MNTOPT_IOPENALTY_CHANGED    UINT64_C(0x1000000000)
 #define MNTOPT_IORETRY_CHANGED      UINT64_C(0x2000000000)
 

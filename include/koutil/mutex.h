@@ -15,19 +15,23 @@
 
 KO_BEGIN_DECLS
 
+/* A mutex. */
 typedef struct _mutex {
-    pthread_mutex_t mutex;
+    pthread_mutex_t mutex; /* the platform's */
 } thread_mutex_t;
 
+/* A condition variable. */
 typedef struct _cond {
-    pthread_cond_t cond;
+    pthread_cond_t cond; /* the platform's */
 } thread_cond_t;
 
-/* Initialiser for a mutex or condition variable with static storage. */
+/* Initialiser for a mutex with static storage. */
 #define THREAD_MUTEX_INITIALIZER                                                                   \
     {                                                                                              \
         PTHREAD_MUTEX_INITIALIZER                                                                  \
     }
+
+/* Initialiser for a condition variable with static storage. */
 #define THREAD_COND_INITIALIZER                                                                    \
     {                                                                                              \
         PTHREAD_COND_INITIALIZER                                                                   \

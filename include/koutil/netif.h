@@ -25,6 +25,7 @@ KO_BEGIN_DECLS
 /* Records that a list has room for. */
 #define IFNAME_LIST_MAX 128
 
+/* One interface, alias or further address. */
 typedef struct il_info {
     char ifname[64];         /* "eth0", "eth0:1" */
     char macaddr[16];        /* "0x" and 12 lower-case hexadecimal digits, or empty */
@@ -34,9 +35,10 @@ typedef struct il_info {
     int is_virtual;          /* 1 for an alias or a further IPv6 address, else 0 */
 } il_info;
 
+/* A list of them. */
 typedef struct ifname_list {
-    int count;
-    il_info info[IFNAME_LIST_MAX];
+    int count;                     /* records in use */
+    il_info info[IFNAME_LIST_MAX]; /* the records */
 } ifname_list_t;
 
 /* Append the records of one interface: the first with its MAC, flags, IPv4 address and first usable

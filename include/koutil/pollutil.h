@@ -35,16 +35,16 @@ typedef enum polltype { POLL_STATIC = 0, POLL_DYNAMIC = 1 } polltype_t;
 
 /* A poll set. Only the first `nfds` entries mean anything. */
 typedef struct dpoll {
-    polltype_t polltype;
+    polltype_t polltype; /* who owns the storage */
     unsigned int maxfds; /* entries available */
     unsigned int nfds;   /* entries in use */
-    struct pollfd *fds;
+    struct pollfd *fds;  /* the entries */
 } dpoll_t;
 
 /* A quick set: a poll set and its four entries. */
 typedef struct qpoll {
-    dpoll_t d;
-    struct pollfd qfds[4];
+    dpoll_t d;             /* the set */
+    struct pollfd qfds[4]; /* its storage */
 } qpoll_t;
 
 /* An empty quick set, to copy or to use. Its `d.fds` is null: whoever uses it, or a copy of it,

@@ -53,54 +53,54 @@ struct queue_item;
 
 /* Links of a list of items: the next item, and the pointer that points to this one. */
 typedef struct queue_link {
-    struct queue_item *next;
-    struct queue_item **prev;
+    struct queue_item *next;  /* the next item */
+    struct queue_item **prev; /* the pointer that points to this one */
 } queue_link_t;
 
 /* The node of a queued item. The work queue sets routine, arg and next; the other fields are
  * carried for hosts. */
 typedef struct queue_item {
-    uint32_t wp_sane;
-    uint32_t wp_queue_active_start;
-    queue_routine_t routine;
-    void *arg; /* the block that holds this node */
-    queue_link_t q_next;
-    struct queue_item *next; /* the item served after this one */
-    void *wp_threadp;
-    queue_link_t wp_queue_active_link;
-    void *wp_pqueue;
+    uint32_t wp_sane;                  /* the host's */
+    uint32_t wp_queue_active_start;    /* the host's */
+    queue_routine_t routine;           /* what to run */
+    void *arg;                         /* the block that holds this node */
+    queue_link_t q_next;               /* the host's */
+    struct queue_item *next;           /* the item served after this one */
+    void *wp_threadp;                  /* the host's */
+    queue_link_t wp_queue_active_link; /* the host's */
+    void *wp_pqueue;                   /* the host's */
 } queue_item_t;
 
 /* A communication block: the argument of a work item and the unit of the message queue. */
 typedef struct commblk {
     struct commblk *next; /* link in the message queue; null while the block is out */
     queue_item_t qitem;   /* the node while the block is a work item */
-    uint32_t lkey1;       /* keys for the host */
-    uint32_t lkey2;
-    uint64_t qkey1;
-    uint64_t qkey2;
-    uint32_t priority; /* 0 is ordinary, higher is served first; fixed while queued */
-    char *buffer;      /* the host's data and its size */
-    int buffer_size;
-    int line; /* where the block was last taken; for hosts */
-    char *file;
+    uint32_t lkey1;       /* the host's key */
+    uint32_t lkey2;       /* the host's key */
+    uint64_t qkey1;       /* the host's key */
+    uint64_t qkey2;       /* the host's key */
+    uint32_t priority;    /* 0 is ordinary, higher is served first; fixed while queued */
+    char *buffer;         /* the host's data */
+    int buffer_size;      /* bytes */
+    int line;             /* where the block was last taken; for hosts */
+    char *file;           /* the host's: the file of `line` */
 } commblk_t;
 
 /* A work queue; every field is guarded by queue_lock. */
 typedef struct msgqueue {
-    int num_threads;            /* workers still running */
-    int max_queue_size;         /* full at this size; below 1 always full */
-    int do_not_block_when_full; /* not 0: adding to a full queue fails at once */
-    pthread_t *threads;         /* one per worker, in creation order */
-    int cur_queue_size;         /* items queued and items being run */
-    queue_item_t *queue_head;   /* served first */
-    queue_item_t *queue_tail;
-    int queue_closed;            /* no item is accepted any more */
-    int shutdown;                /* drained: workers leave */
-    int thread_idle_time;        /* seconds without work before thread_idle; 0 is no limit */
-    queue_hook_t thread_idle;    /* may be null */
-    queue_hook_t thread_cleanup; /* called by each worker as it leaves; may be null */
-    thread_mutex_t queue_lock;
+    int num_threads;               /* workers still running */
+    int max_queue_size;            /* full at this size; below 1 always full */
+    int do_not_block_when_full;    /* not 0: adding to a full queue fails at once */
+    pthread_t *threads;            /* one per worker, in creation order */
+    int cur_queue_size;            /* items queued and items being run */
+    queue_item_t *queue_head;      /* served first */
+    queue_item_t *queue_tail;      /* served last */
+    int queue_closed;              /* no item is accepted any more */
+    int shutdown;                  /* drained: workers leave */
+    int thread_idle_time;          /* seconds without work before thread_idle; 0 is no limit */
+    queue_hook_t thread_idle;      /* may be null */
+    queue_hook_t thread_cleanup;   /* called by each worker as it leaves; may be null */
+    thread_mutex_t queue_lock;     /* guards the queue */
     thread_cond_t queue_not_empty; /* workers wait for work */
     thread_cond_t queue_not_full;  /* producers wait for room */
     thread_cond_t queue_empty;     /* size 0, a worker left, or shutdown was set */

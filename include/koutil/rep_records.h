@@ -22,7 +22,8 @@
  * Use the lengths above, which have names below, and not sizeof: rep_sd_mapping_t and
  * rep_copy_admin_t are longer in memory than their fixed part on the wire. Every other structure
  * here is a payload of commands; the replication services convert it with its swap function before
- * sending and after receiving.
+ * sending and after receiving. What they keep in a field marked "services'", and the units of ages,
+ * rates and elapsed times, is theirs; here those fields are only laid out and converted.
  *
  * The swap functions work in place, return nothing and serve both directions: converting twice
  * changes nothing. A record may stand at any address.
@@ -91,8 +92,8 @@ typedef uint32_t dm_igen_t; /* inode generation */
 
 /* A time. */
 typedef struct tmspec {
-    uint32_t tv_sec;
-    uint32_t tv_nsec;
+    uint32_t tv_sec;  /* seconds since the epoch */
+    uint32_t tv_nsec; /* nanoseconds */
 } tmspec_t;
 
 /* State of one replication. Structures of the wire hold it as uint32_t. */
@@ -134,339 +135,357 @@ typedef enum tgt_cnt_type {
 
 /* The first record of a stream. */
 typedef struct rep_header {
-    uint32_t rep_magic;
+    uint32_t rep_magic;          /* REP_HEADER_MAGIC */
     uint16_t rep_flags;          /* caller's */
     uint16_t rep_stream_version; /* REP_STREAM_VERSION */
-    dm_fsid_t rep_fsid;
-    uint64_t rep_policy_key;
-    uint64_t rep_stream_id;
+    dm_fsid_t rep_fsid;          /* file system */
+    uint64_t rep_policy_key;     /* key of the replication policy */
+    uint64_t rep_stream_id;      /* identifier of this stream */
 } rep_header_t;
 
 /* A command; the payload follows. */
 typedef struct rep_cmd {
-    uint32_t rep_magic;
-    uint16_t rep_type;
+    uint32_t rep_magic;  /* REP_CMD_MAGIC */
+    uint16_t rep_type;   /* caller's */
     uint16_t rep_cmdlen; /* payload length in bytes */
 } rep_cmd_t;
 
 /* A file's attributes; the name follows. */
 typedef struct rep_file {
-    uint32_t rep_magic;
-    uint16_t rep_type;
-    uint16_t rep_namelen;
-    uint32_t rep_data_cnt;
-    uint16_t rep_status;
-    uint8_t rep_attr_flags;
-    uint8_t rep_pad;
-    uint32_t rep_uid;
-    uint32_t rep_gid;
-    uint32_t rep_mode; /* permission bits */
-    uint32_t rep_seqno;
-    dm_ino_t rep_inode_inum;
-    dm_ino_t rep_parent_inum;
-    dm_igen_t rep_inode_igen;
-    dm_igen_t rep_parent_igen;
-    uint64_t rep_ntsd_key; /* rep_sd_key of its security descriptor */
-    tmspec_t rep_ctime;
-    tmspec_t rep_mtime;
-    tmspec_t rep_etime; /* caller's, zero when none */
-    uint64_t rep_size;
-    KO_TAIL(char, rep_file_name);
+    uint32_t rep_magic;           /* REP_FILE_MAGIC */
+    uint16_t rep_type;            /* caller's */
+    uint16_t rep_namelen;         /* bytes of the name; 0 when there is none */
+    uint32_t rep_data_cnt;        /* caller's */
+    uint16_t rep_status;          /* replication state of the file; caller's */
+    uint8_t rep_attr_flags;       /* attribute bits of the file */
+    uint8_t rep_pad;              /* 0 */
+    uint32_t rep_uid;             /* owner */
+    uint32_t rep_gid;             /* group */
+    uint32_t rep_mode;            /* permission bits */
+    uint32_t rep_seqno;           /* sequence number; caller's */
+    dm_ino_t rep_inode_inum;      /* inode number */
+    dm_ino_t rep_parent_inum;     /* inode number of the parent directory */
+    dm_igen_t rep_inode_igen;     /* inode generation */
+    dm_igen_t rep_parent_igen;    /* generation of the parent directory */
+    uint64_t rep_ntsd_key;        /* rep_sd_key of its security descriptor */
+    tmspec_t rep_ctime;           /* last change of the inode */
+    tmspec_t rep_mtime;           /* last change of the data */
+    tmspec_t rep_etime;           /* caller's, zero when none */
+    uint64_t rep_size;            /* size in bytes */
+    KO_TAIL(char, rep_file_name); /* not terminated on the wire */
 } rep_file_t;
 
 /* A file's attributes, extended: rep_file_t up to rep_size, then two fields; the name follows.
  * Nothing on the wire tells it from a rep_file_t. */
 typedef struct file_info {
-    uint32_t rep_magic;
-    uint16_t rep_type;
-    uint16_t rep_namelen;
-    uint32_t rep_data_cnt;
-    uint16_t rep_status;
-    uint8_t rep_attr_flags;
-    uint8_t rep_pad;
-    uint32_t rep_uid;
-    uint32_t rep_gid;
-    uint32_t rep_mode;
-    uint32_t rep_seqno;
-    dm_ino_t rep_inode_inum;
-    dm_ino_t rep_parent_inum;
-    dm_igen_t rep_inode_igen;
-    dm_igen_t rep_parent_igen;
-    uint64_t rep_ntsd_key;
-    tmspec_t rep_ctime;
-    tmspec_t rep_mtime;
-    tmspec_t rep_etime;
-    uint64_t rep_size;
-    uint64_t rep_ino_seqno;
-    uint64_t rep_ino_epoch;
-    KO_TAIL(char, rep_file_name);
+    uint32_t rep_magic;           /* REP_FILE_MAGIC */
+    uint16_t rep_type;            /* caller's */
+    uint16_t rep_namelen;         /* bytes of the name; 0 when there is none */
+    uint32_t rep_data_cnt;        /* caller's */
+    uint16_t rep_status;          /* replication state of the file; caller's */
+    uint8_t rep_attr_flags;       /* attribute bits of the file */
+    uint8_t rep_pad;              /* 0 */
+    uint32_t rep_uid;             /* owner */
+    uint32_t rep_gid;             /* group */
+    uint32_t rep_mode;            /* permission bits */
+    uint32_t rep_seqno;           /* sequence number; caller's */
+    dm_ino_t rep_inode_inum;      /* inode number */
+    dm_ino_t rep_parent_inum;     /* inode number of the parent directory */
+    dm_igen_t rep_inode_igen;     /* inode generation */
+    dm_igen_t rep_parent_igen;    /* generation of the parent directory */
+    uint64_t rep_ntsd_key;        /* rep_sd_key of its security descriptor */
+    tmspec_t rep_ctime;           /* last change of the inode */
+    tmspec_t rep_mtime;           /* last change of the data */
+    tmspec_t rep_etime;           /* caller's, zero when none */
+    uint64_t rep_size;            /* size in bytes */
+    uint64_t rep_ino_seqno;       /* sequence number of the inode */
+    uint64_t rep_ino_epoch;       /* 0 as sent by this library */
+    KO_TAIL(char, rep_file_name); /* not terminated on the wire */
 } file_info_t;
 
 /* A name and where it stands; the name follows. */
 typedef struct rep_ns_file {
-    uint32_t rep_magic;
-    uint16_t rep_type; /* REP_TYPE_NS_FILE */
-    uint16_t rep_namelen;
-    dm_ino_t rep_inode_inum;
-    dm_ino_t rep_parent_inum;
-    dm_ino_t rep_local_inum;
-    dm_igen_t rep_inode_igen;
-    dm_igen_t rep_parent_igen;
-    dm_igen_t rep_local_igen;
-    uint32_t rep_ns_flags; /* caller's */
-    KO_TAIL(char, rep_file_name);
+    uint32_t rep_magic;           /* REP_FILE_MAGIC */
+    uint16_t rep_type;            /* REP_TYPE_NS_FILE */
+    uint16_t rep_namelen;         /* bytes of the name; 0 when there is none */
+    dm_ino_t rep_inode_inum;      /* inode number */
+    dm_ino_t rep_parent_inum;     /* inode number of the parent directory */
+    dm_ino_t rep_local_inum;      /* local inode number */
+    dm_igen_t rep_inode_igen;     /* inode generation */
+    dm_igen_t rep_parent_igen;    /* generation of the parent directory */
+    dm_igen_t rep_local_igen;     /* local inode generation */
+    uint32_t rep_ns_flags;        /* caller's */
+    KO_TAIL(char, rep_file_name); /* not terminated on the wire */
 } rep_ns_file_t;
 
 /* A security descriptor and its key; the descriptor follows at offset REP_SD_MAPPING_LEN. */
 typedef struct rep_sd_mapping {
-    uint32_t rep_magic;
-    uint16_t rep_type; /* REP_TYPE_SD_MAPPING */
-    uint16_t rep_pad;
-    uint64_t rep_sd_key;
-    uint32_t rep_sd_data_len;
-    KO_TAIL(uint8_t, rep_sd_data);
+    uint32_t rep_magic;            /* REP_SD_MAGIC */
+    uint16_t rep_type;             /* REP_TYPE_SD_MAPPING */
+    uint16_t rep_pad;              /* 0 */
+    uint64_t rep_sd_key;           /* what file records name in rep_ntsd_key */
+    uint32_t rep_sd_data_len;      /* 1 to REP_MAX_SD_LEN bytes */
+    KO_TAIL(uint8_t, rep_sd_data); /* the descriptor */
 } rep_sd_mapping_t;
 
 /* A piece of a file's data: where it stands in the file and in the blob named by the tag. */
 typedef struct rep_blob {
-    uint64_t rep_offset;
-    uint64_t rep_length;
-    uint64_t rep_bloboff;
-    char rep_tag[16];
+    uint64_t rep_offset;  /* where the piece stands in the file */
+    uint64_t rep_length;  /* bytes of the piece */
+    uint64_t rep_bloboff; /* where it stands in the blob */
+    char rep_tag[16];     /* the blob's name, 16 raw bytes */
 } rep_blob_t;
 
-/* The same for pieces below 4 GiB. */
+/* A piece of a file's data, as rep_blob_t, where all numbers are below 4 GiB. */
 typedef struct rep_small_blob {
-    uint32_t rep_offset;
-    uint32_t rep_length;
-    uint32_t rep_bloboff;
-    char rep_tag[16];
+    uint32_t rep_offset;  /* where the piece stands in the file */
+    uint32_t rep_length;  /* bytes of the piece */
+    uint32_t rep_bloboff; /* where it stands in the blob */
+    char rep_tag[16];     /* the blob's name, 16 raw bytes */
 } rep_small_blob_t;
 
 /* Outcome of a replication. */
 typedef struct rep_reply {
-    uint32_t rep_result_code;
-    uint32_t rep_files_moved;
-    uint32_t rep_metadata_updated;
-    uint64_t rep_data_moved;
-    uint64_t rep_data_sent;
-    uint64_t rep_data_read;
-    uint32_t rep_secs_elapsed;
-    uint32_t rep_usecs_elapsed;
+    uint32_t rep_result_code;      /* 0 for success */
+    uint32_t rep_files_moved;      /* files transferred */
+    uint32_t rep_metadata_updated; /* files whose attributes were set */
+    uint64_t rep_data_moved;       /* bytes of the files transferred */
+    uint64_t rep_data_sent;        /* bytes that went over the wire */
+    uint64_t rep_data_read;        /* bytes read at the source */
+    uint32_t rep_secs_elapsed;     /* duration, whole seconds */
+    uint32_t rep_usecs_elapsed;    /* and microseconds */
 } rep_reply_t;
 
+/* A change of a file system's contents. */
 typedef struct rep_delta {
-    int32_t rep_files;
-    int32_t rep_pad;
-    int64_t rep_space;
+    int32_t rep_files; /* files more or less */
+    int32_t rep_pad;   /* 0 */
+    int64_t rep_space; /* bytes more or less */
 } rep_delta_t;
 
+/* A file that is missing. */
 typedef struct rep_miss {
-    uint64_t missing_inum;
-    uint32_t missing_igen;
-    uint32_t missed_reason;
-    KO_TAIL(char, missing_file);
+    uint64_t missing_inum;       /* inode number */
+    uint32_t missing_igen;       /* its generation */
+    uint32_t missed_reason;      /* services' code */
+    KO_TAIL(char, missing_file); /* terminated path */
 } rep_miss_t;
 
+/* Asks about a policy. */
 typedef struct pol_query {
-    uint64_t polqry_fsid;
-    uint64_t polqry_key;
+    uint64_t polqry_fsid; /* file system */
+    uint64_t polqry_key;  /* key of the policy */
 } pol_query_t;
 
+/* A command to a policy. */
 typedef struct pol_cmd {
-    uint64_t polcmd_fsid;
-    uint64_t polcmd_key; /* little-endian on the wire */
-    uint64_t polcmd_inum;
-    uint32_t polcmd_igen;
-    uint16_t polcmd_flags;
-    uint16_t polcmd_opts;
-    uint64_t polcmd_space_param;
-    uint64_t polcmd_age_param;
+    uint64_t polcmd_fsid;        /* file system */
+    uint64_t polcmd_key;         /* little-endian on the wire */
+    uint64_t polcmd_inum;        /* inode number */
+    uint32_t polcmd_igen;        /* its generation */
+    uint16_t polcmd_flags;       /* services' bits */
+    uint16_t polcmd_opts;        /* services' bits */
+    uint64_t polcmd_space_param; /* argument: space */
+    uint64_t polcmd_age_param;   /* argument: age */
 } pol_cmd_t;
 
+/* Asks about a target. */
 typedef struct tgt_query {
-    uint64_t qry_key;
-    uint32_t qry_type;
-    uint32_t qry_flags;
-    char tgt_location[256];
+    uint64_t qry_key;       /* key of the policy */
+    uint32_t qry_type;      /* services' code */
+    uint32_t qry_flags;     /* services' bits */
+    char tgt_location[256]; /* terminated name of the target */
 } tgt_query_t;
 
-/* The path starts at offset 20, inside sizeof. */
+/* A command about a copy. The path starts at offset 20, inside sizeof. */
 typedef struct rep_copy_admin {
-    uint64_t rep_copy_fsid;
-    uint64_t rep_copy_key;
-    int32_t rep_copy_num;
-    KO_TAIL(char, rep_copy_path);
+    uint64_t rep_copy_fsid;       /* file system */
+    uint64_t rep_copy_key;        /* key of the policy */
+    int32_t rep_copy_num;         /* number of the copy */
+    KO_TAIL(char, rep_copy_path); /* terminated */
 } rep_copy_admin_t;
 
+/* A replication that is under way. */
 typedef struct pending_info {
-    uint64_t pending_fsid;
-    uint64_t pending_key;
-    tmspec_t pending_start;
-    uint64_t pending_elapsed;
-    uint64_t pending_stream_id;
-    uint32_t pending_state; /* a rep_state_t */
-    uint32_t pending_type;  /* a rep_type_t */
-    char pending_target[256];
-    KO_TAIL(char, pending_source);
+    uint64_t pending_fsid;         /* file system */
+    uint64_t pending_key;          /* key of the policy */
+    tmspec_t pending_start;        /* when it began */
+    uint64_t pending_elapsed;      /* time since then */
+    uint64_t pending_stream_id;    /* rep_stream_id of its stream */
+    uint32_t pending_state;        /* a rep_state_t */
+    uint32_t pending_type;         /* a rep_type_t */
+    char pending_target[256];      /* terminated */
+    KO_TAIL(char, pending_source); /* terminated */
 } pending_info_t;
 
+/* Statistics of one part of a replication. */
 typedef struct progress_stats {
-    tmspec_t start_time;
-    uint64_t elapsed_time;
-    uint32_t file_count;
-    uint32_t dir_count;
-    uint32_t failed_files;
-    uint32_t pad;
-    uint64_t data_size;
+    tmspec_t start_time;   /* when they begin */
+    uint64_t elapsed_time; /* time since then */
+    uint32_t file_count;   /* files so far */
+    uint32_t dir_count;    /* directories so far */
+    uint32_t failed_files; /* files that failed */
+    uint32_t pad;          /* not converted */
+    uint64_t data_size;    /* bytes so far */
 } progress_stats_t;
+
+/* Another name of progress_stats_t. */
 typedef progress_stats_t rep_progress_stats_t;
 
+/* The progress of a replication. */
 typedef struct progress_info {
-    uint64_t prog_pending_fsid;
-    uint64_t prog_pending_key;
-    uint32_t prog_retcode;
-    uint32_t prog_flags;
-    tmspec_t prog_pending_start;
-    uint64_t prog_pending_elapsed;
-    uint64_t prog_pending_stream_id;
-    uint32_t prog_pending_state; /* a rep_state_t */
-    uint32_t prog_pending_type;  /* a rep_type_t */
-    char prog_src_tgt[256];
-    progress_stats_t prog_stats[7];
-    uint64_t prog_total_metadata;
-    uint32_t prog_total_files;
-    uint32_t prog_total_dirs;
-    uint32_t prog_missing_files;
-    uint32_t prog_pulling_files;
-    uint64_t prog_pulling_space;
-    uint32_t prog_tag_cnt;
-    uint32_t prog_pad;
+    uint64_t prog_pending_fsid;      /* file system */
+    uint64_t prog_pending_key;       /* key of the policy */
+    uint32_t prog_retcode;           /* 0 for success */
+    uint32_t prog_flags;             /* services' bits */
+    tmspec_t prog_pending_start;     /* when it began */
+    uint64_t prog_pending_elapsed;   /* time since then */
+    uint64_t prog_pending_stream_id; /* rep_stream_id of its stream */
+    uint32_t prog_pending_state;     /* a rep_state_t */
+    uint32_t prog_pending_type;      /* a rep_type_t */
+    char prog_src_tgt[256];          /* terminated */
+    progress_stats_t prog_stats[7];  /* seven sets of statistics */
+    uint64_t prog_total_metadata;    /* bytes of attributes in all */
+    uint32_t prog_total_files;       /* files in all */
+    uint32_t prog_total_dirs;        /* directories in all */
+    uint32_t prog_missing_files;     /* missing files */
+    uint32_t prog_pulling_files;     /* files being fetched */
+    uint64_t prog_pulling_space;     /* their bytes */
+    uint32_t prog_tag_cnt;           /* blob tags */
+    uint32_t prog_pad;               /* not converted */
 } progress_info_t;
 
+/* A policy in brief. */
 typedef struct pol_summary_s {
-    uint64_t polsum_fsid;
-    uint64_t polsum_key;
-    uint32_t polsum_flags;
-    uint32_t polsum_rep_flags;
-    uint32_t polsum_md_gen;
-    uint32_t polsum_data_gen;
-    char polsum_inherit[32];
-    KO_TAIL(char, polsum_mount);
+    uint64_t polsum_fsid;        /* file system */
+    uint64_t polsum_key;         /* key of the policy */
+    uint32_t polsum_flags;       /* services' bits */
+    uint32_t polsum_rep_flags;   /* services' bits for replication */
+    uint32_t polsum_md_gen;      /* generation of the attributes */
+    uint32_t polsum_data_gen;    /* generation of the data */
+    char polsum_inherit[32];     /* terminated */
+    KO_TAIL(char, polsum_mount); /* terminated path of the directory */
 } pol_summary_t;
 
+/* A policy and its figures. */
 typedef struct pol_info {
-    uint64_t polinfo_fsid;
-    uint64_t polinfo_key;
-    uint32_t polinfo_flags;
-    uint32_t polinfo_rep_flags;
-    uint32_t polinfo_md_gen;
-    uint32_t polinfo_data_gen;
-    uint32_t polinfo_total_files;
-    uint32_t polinfo_total_dirs;
-    uint64_t polinfo_deduped_files;
-    uint64_t polinfo_deduped_space;
-    uint64_t polinfo_cloud_files;
-    uint64_t polinfo_cloud_space;
-    uint32_t polinfo_ingest_pend_files;
-    uint64_t polinfo_ingest_pend_space;
-    uint32_t polinfo_truncate_pend_files;
-    uint64_t polinfo_truncate_pend_space;
-    uint32_t polinfo_replicate_pend_files;
-    uint64_t polinfo_replicate_pend_space;
-    uint32_t polinfo_ingested_files;
-    uint64_t polinfo_ingested_space;
-    uint32_t polinfo_retrieved_files;
-    uint64_t polinfo_retrieved_space;
-    uint32_t polinfo_truncated_files;
-    uint64_t polinfo_truncated_space;
-    uint32_t polinfo_replicated_files;
-    uint64_t polinfo_replicated_space;
-    uint64_t polinfo_virtual_tx;
-    uint64_t polinfo_actual_tx;
-    uint64_t polinfo_actual_rx;
-    uint64_t polinfo_metadata_tx;
-    uint64_t polinfo_rep_rate;
-    KO_TAIL(char, polinfo_mount);
+    uint64_t polinfo_fsid;                 /* file system */
+    uint64_t polinfo_key;                  /* key of the policy */
+    uint32_t polinfo_flags;                /* services' bits */
+    uint32_t polinfo_rep_flags;            /* services' bits for replication */
+    uint32_t polinfo_md_gen;               /* generation of the attributes */
+    uint32_t polinfo_data_gen;             /* generation of the data */
+    uint32_t polinfo_total_files;          /* files in all */
+    uint32_t polinfo_total_dirs;           /* directories in all */
+    uint64_t polinfo_deduped_files;        /* deduplicated files */
+    uint64_t polinfo_deduped_space;        /* their bytes */
+    uint64_t polinfo_cloud_files;          /* files in the cloud */
+    uint64_t polinfo_cloud_space;          /* their bytes */
+    uint32_t polinfo_ingest_pend_files;    /* files waiting to be ingested */
+    uint64_t polinfo_ingest_pend_space;    /* their bytes */
+    uint32_t polinfo_truncate_pend_files;  /* files waiting to be truncated */
+    uint64_t polinfo_truncate_pend_space;  /* their bytes */
+    uint32_t polinfo_replicate_pend_files; /* files waiting to be replicated */
+    uint64_t polinfo_replicate_pend_space; /* their bytes */
+    uint32_t polinfo_ingested_files;       /* files ingested */
+    uint64_t polinfo_ingested_space;       /* their bytes */
+    uint32_t polinfo_retrieved_files;      /* files retrieved */
+    uint64_t polinfo_retrieved_space;      /* their bytes */
+    uint32_t polinfo_truncated_files;      /* files truncated */
+    uint64_t polinfo_truncated_space;      /* their bytes */
+    uint32_t polinfo_replicated_files;     /* files replicated */
+    uint64_t polinfo_replicated_space;     /* their bytes */
+    uint64_t polinfo_virtual_tx;           /* virtual bytes sent */
+    uint64_t polinfo_actual_tx;            /* actual bytes sent */
+    uint64_t polinfo_actual_rx;            /* actual bytes received */
+    uint64_t polinfo_metadata_tx;          /* bytes of attributes sent */
+    uint64_t polinfo_rep_rate;             /* rate of replication */
+    KO_TAIL(char, polinfo_mount);          /* terminated path of the directory */
 } pol_info_t;
 
+/* State of a file system. */
 typedef struct fs_state_s {
-    uint64_t fs_fsid;
-    uint16_t fs_flags;
-    uint16_t fs_bfst_state;
-    uint64_t fs_age;
-    uint64_t fs_bfst_age;
-    char fs_name[64];
-    KO_TAIL(char, fs_mount);
+    uint64_t fs_fsid;        /* file system */
+    uint16_t fs_flags;       /* services' bits */
+    uint16_t fs_bfst_state;  /* state of its blob store */
+    uint64_t fs_age;         /* age of the file system */
+    uint64_t fs_bfst_age;    /* age of the blob store */
+    char fs_name[64];        /* terminated */
+    KO_TAIL(char, fs_mount); /* terminated mount point */
 } fs_state_t;
 
+/* Statistics of a blob store. */
 typedef struct bfst_stats {
-    uint64_t input_blobs;
-    uint64_t data_blobs;
-    uint64_t input_blocklets;
-    uint64_t data_blocklets;
-    uint64_t input_bytes;
-    uint64_t data_bytes;
-    uint64_t disk;
-    uint64_t deleted_bytes;
+    uint64_t input_blobs;     /* blobs offered */
+    uint64_t data_blobs;      /* blobs stored */
+    uint64_t input_blocklets; /* pieces offered */
+    uint64_t data_blocklets;  /* pieces stored */
+    uint64_t input_bytes;     /* bytes offered */
+    uint64_t data_bytes;      /* bytes stored */
+    uint64_t disk;            /* bytes of disk in use */
+    uint64_t deleted_bytes;   /* bytes that deleted blobs held */
 } bfst_stats_t;
 
+/* State of a policy's target, as it is stored. */
 typedef struct pol_target_state {
-    uint32_t pts_magic;
-    uint32_t pts_version;
-    uint64_t src_fsid;
-    uint64_t src_key;
-    uint64_t tgt_key;
-    uint64_t rep_flags;
-    char src_location[256];
-    char dst_location[256];
-    char src_path[1024];
-    char rep_name[1024];
+    uint32_t pts_magic;     /* services' */
+    uint32_t pts_version;   /* services' */
+    uint64_t src_fsid;      /* file system at the source */
+    uint64_t src_key;       /* key of the policy at the source */
+    uint64_t tgt_key;       /* key of the policy at the target */
+    uint64_t rep_flags;     /* services' bits */
+    char src_location[256]; /* terminated name of the source */
+    char dst_location[256]; /* terminated name of the target */
+    char src_path[1024];    /* terminated */
+    char rep_name[1024];    /* terminated name of the replication */
 } pol_target_state_t;
 
+/* What a replication has to send. */
 typedef struct rep_stats {
-    uint64_t rep_data_size;
-    uint32_t rep_file_cnt;
-    uint32_t rep_files_skipped;
-    uint32_t rep_dir_cnt;
-    uint32_t rep_tag_cnt;
-    uint64_t rep_stream_len; /* little-endian on the wire */
+    uint64_t rep_data_size;     /* bytes of the files */
+    uint32_t rep_file_cnt;      /* files */
+    uint32_t rep_files_skipped; /* files left out */
+    uint32_t rep_dir_cnt;       /* directories */
+    uint32_t rep_tag_cnt;       /* blob tags */
+    uint64_t rep_stream_len;    /* little-endian on the wire */
 } rep_stats_t;
 
+/* What a replication has sent to one target. */
 typedef struct rep_target_stats {
-    uint32_t rep_files_moved;
-    uint32_t rep_metadata_updated;
-    uint64_t rep_data_moved;
-    uint64_t rep_data_sent;
-    uint64_t rep_metadata_sent;
-    uint64_t rep_data_read;
+    uint32_t rep_files_moved;      /* files transferred */
+    uint32_t rep_metadata_updated; /* files whose attributes were set */
+    uint64_t rep_data_moved;       /* bytes of the files transferred */
+    uint64_t rep_data_sent;        /* bytes that went over the wire */
+    uint64_t rep_metadata_sent;    /* bytes of attributes that went over the wire */
+    uint64_t rep_data_read;        /* bytes read at the source */
 } rep_target_stats_t;
 
 /* State of a source; its target states (rep_target_state_t) follow directly. */
 typedef struct rep_src_state {
-    uint32_t rep_file_magic;
-    uint32_t rep_file_version;
-    uint64_t rep_key;
-    tmspec_t rep_scan_time;
-    uint32_t rep_target_count;
-    rep_stats_t rep_stats;
+    uint32_t rep_file_magic;   /* services' */
+    uint32_t rep_file_version; /* services' */
+    uint64_t rep_key;          /* key of the policy */
+    tmspec_t rep_scan_time;    /* when the source was scanned */
+    uint32_t rep_target_count; /* target states that follow */
+    rep_stats_t rep_stats;     /* of the scan */
 } rep_src_state_t;
 
+/* State of one target of a source. */
 typedef struct rep_target_state {
-    char rep_tgt[256];
-    char rep_tgt_path[512];
-    uint16_t rep_tgt_version;
-    uint16_t rep_tgt_pad1; /* converted */
-    uint32_t rep_tgt_pad2; /* converted */
-    uint16_t rep_tgt_state;
-    uint16_t rep_tgt_uptodate;
-    tmspec_t rep_tgt_success_time;
-    tmspec_t rep_tgt_failure_time;
-    uint32_t rep_tgt_metadata_gen;
-    uint32_t rep_tgt_data_gen;
-    uint64_t rep_last_report_id;
-    uint64_t rep_last_fail_report_id;
-    rep_target_stats_t rep_target_stats;
+    char rep_tgt[256];                   /* terminated name of the target */
+    char rep_tgt_path[512];              /* terminated path at the target */
+    uint16_t rep_tgt_version;            /* version of the target */
+    uint16_t rep_tgt_pad1;               /* converted */
+    uint32_t rep_tgt_pad2;               /* converted */
+    uint16_t rep_tgt_state;              /* state of the target */
+    uint16_t rep_tgt_uptodate;           /* whether it is up to date */
+    tmspec_t rep_tgt_success_time;       /* last success */
+    tmspec_t rep_tgt_failure_time;       /* last failure */
+    uint32_t rep_tgt_metadata_gen;       /* generation of the attributes there */
+    uint32_t rep_tgt_data_gen;           /* generation of the data there */
+    uint64_t rep_last_report_id;         /* report of the last run */
+    uint64_t rep_last_fail_report_id;    /* report of the last failure */
+    rep_target_stats_t rep_target_stats; /* of the last run */
 } rep_target_state_t;
 
 #undef KO_TAIL

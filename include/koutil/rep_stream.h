@@ -54,9 +54,9 @@ KO_BEGIN_DECLS
 /* A stream's buffer. Output: the first `rep_used` bytes wait for a flush. Input: the bytes from
  * `rep_used` to `rep_buf_offset` have been read and not yet taken. */
 typedef struct rep_buffer {
-    uint32_t rep_buf_offset;
-    uint32_t rep_used;
-    uint8_t rep_data[REP_BUFFER_SIZE];
+    uint32_t rep_buf_offset;           /* input: end of the bytes read */
+    uint32_t rep_used;                 /* end of the bytes that wait, or that were taken */
+    uint8_t rep_data[REP_BUFFER_SIZE]; /* the bytes */
 } rep_buffer_t;
 
 /* An output stream. */
@@ -80,74 +80,74 @@ typedef struct rep_stream {
 
 /* A target host, owned by the replication services. This library reads only rep_tgt_sock. */
 typedef struct rep_target {
-    SOCKET_T rep_tgt_sock;
-    int32_t rep_tgt_fd;
-    rep_stream_t *rep_tgt_stream;
-    uint32_t rep_tgt_ref;
-    tgt_cnt_type_t rep_tgt_counter;
-    uint64_t rep_tgt_stream_id;
-    rep_state_t rep_tgt_state;
-    rep_target_stats_t rep_tgt_stats;
-    tmspec_t rep_tgt_lasttm;
-    char rep_target[256];
-    char rep_source[256];
-    char rep_tgt_host[256];
-    char rep_hdr_file[1024];
-    char rep_tgt_path[512];
-    uint16_t rep_tgt_port;
-    uint16_t rep_tgt_version;
-    tgt_state_t rep_tgt_file_state;
-    uint64_t rep_tgt_offset;
-    void *rep_pending;
-    rep_progress_stats_t rep_tgt_progress[2];
-    uint8_t rep_tgt_buffer[65536];
+    SOCKET_T rep_tgt_sock;                    /* its socket */
+    int32_t rep_tgt_fd;                       /* its file */
+    rep_stream_t *rep_tgt_stream;             /* the stream that serves it */
+    uint32_t rep_tgt_ref;                     /* references */
+    tgt_cnt_type_t rep_tgt_counter;           /* the counter that it is part of */
+    uint64_t rep_tgt_stream_id;               /* rep_stream_id of its stream */
+    rep_state_t rep_tgt_state;                /* state of its replication */
+    rep_target_stats_t rep_tgt_stats;         /* of this replication */
+    tmspec_t rep_tgt_lasttm;                  /* last activity */
+    char rep_target[256];                     /* terminated name */
+    char rep_source[256];                     /* terminated name of the source */
+    char rep_tgt_host[256];                   /* terminated host name */
+    char rep_hdr_file[1024];                  /* terminated path of the header file */
+    char rep_tgt_path[512];                   /* terminated path at the target */
+    uint16_t rep_tgt_port;                    /* port in host order */
+    uint16_t rep_tgt_version;                 /* its version */
+    tgt_state_t rep_tgt_file_state;           /* state of the present file */
+    uint64_t rep_tgt_offset;                  /* bytes of the stream that it has */
+    void *rep_pending;                        /* the replication that it belongs to */
+    rep_progress_stats_t rep_tgt_progress[2]; /* two sets of statistics */
+    uint8_t rep_tgt_buffer[65536];            /* the services' work area */
 } rep_target_t;
 
 /* A directory's identity. */
 typedef struct inode_id {
-    dm_ino_t inum;
-    dm_igen_t igen;
-    uint32_t _pad;
+    dm_ino_t inum;  /* inode number */
+    dm_igen_t igen; /* its generation */
+    uint32_t _pad;  /* 0 */
 } inode_id_t;
 
 /* A file's attributes, as send_file_header reads them. */
 typedef struct extended_stat {
-    uint64_t sr_ino;
-    uint32_t sr_gen;
-    uint32_t sr_uid;
-    uint32_t sr_gid;
-    uint32_t sr_mode;
-    uint64_t sr_size;
-    uint64_t sr_nt_sd_key;
-    tmspec_t sr_ctim;
-    tmspec_t sr_mtim;
-    uint8_t sr_attr_flags;
+    uint64_t sr_ino;       /* inode number */
+    uint32_t sr_gen;       /* its generation */
+    uint32_t sr_uid;       /* owner */
+    uint32_t sr_gid;       /* group */
+    uint32_t sr_mode;      /* type and permission bits */
+    uint64_t sr_size;      /* size in bytes */
+    uint64_t sr_nt_sd_key; /* rep_sd_key of its security descriptor */
+    tmspec_t sr_ctim;      /* last change of the inode */
+    tmspec_t sr_mtim;      /* last change of the data */
+    uint8_t sr_attr_flags; /* attribute bits */
 } ExtendedStat_t;
 
 /* The on-disk part of an inode, as send_ip_header reads it. */
 typedef struct idinode {
-    uint64_t idi_size;
-    uint64_t idi_ntsec_key;
-    uint64_t idi_seqno;
-    uint32_t idi_gen;
-    uint32_t idi_uid;
-    uint32_t idi_gid;
-    uint32_t idi_mode;
+    uint64_t idi_size;      /* size in bytes */
+    uint64_t idi_ntsec_key; /* rep_sd_key of its security descriptor */
+    uint64_t idi_seqno;     /* sequence number */
+    uint32_t idi_gen;       /* inode generation */
+    uint32_t idi_uid;       /* owner */
+    uint32_t idi_gid;       /* group */
+    uint32_t idi_mode;      /* type and permission bits */
     union {
-        tmspec_t ts;
-        uint64_t raw;
-    } u_ctime;
+        tmspec_t ts;  /* as a time */
+        uint64_t raw; /* as a number */
+    } u_ctime;        /* last change of the inode */
     union {
-        tmspec_t ts;
-        uint64_t raw;
-    } u_mtime;
-    uint8_t idi_attr_flags;
+        tmspec_t ts;        /* as a time */
+        uint64_t raw;       /* as a number */
+    } u_mtime;              /* last change of the data */
+    uint8_t idi_attr_flags; /* attribute bits */
 } idinode_t;
 
 /* An inode in memory. */
 typedef struct inode {
-    uint64_t i_inode_number;
-    idinode_t i_idinode;
+    uint64_t i_inode_number; /* inode number */
+    idinode_t i_idinode;     /* the part on disk */
 } inode_t;
 
 /* Bits of an input stream's rep_stream_flags; set, never cleared. */
@@ -156,7 +156,7 @@ typedef struct inode {
 
 /* An input stream. */
 typedef struct rep_in_stream {
-    int32_t rep_sock;
+    int32_t rep_sock;           /* the descriptor, -1 for none */
     uint32_t rep_stream_flags;  /* REP_IN_ENDED, REP_IN_TIMED_OUT */
     uint64_t rep_stream_offset; /* bytes consumed so far */
     uint32_t rep_padding;       /* 0 */
@@ -164,8 +164,8 @@ typedef struct rep_in_stream {
     uint64_t stream_id;         /* rep_stream_id of the last stream header */
     uint64_t wait_time;         /* microseconds spent waiting for data */
     uint64_t start_time;        /* creation, microseconds of the wall clock */
-    dpoll_t stream_poll;
-    rep_buffer_t rep_buffer;
+    dpoll_t stream_poll;        /* the set that holds the descriptor */
+    rep_buffer_t rep_buffer;    /* bytes read and not yet taken */
 } rep_in_stream_t;
 
 /* ---- output: life and locks ---- */
@@ -337,7 +337,8 @@ KO_API int peek_rep_stream(rep_in_stream_t *stream);
  * Returns 0 or -1. `header` is in host order; it holds what came even when the magic is wrong. */
 KO_API int extract_rep_header(rep_in_stream_t *stream, rep_header_t *header);
 
-/* The same; the buffer does not move when it holds exactly the record. */
+/* Take a stream header, as extract_rep_header does; what is buffered does not move when it is
+ * exactly the record. */
 KO_API int extract_rep_header_sync(rep_in_stream_t *stream, rep_header_t *header);
 
 /* Take a file record and its name, which is terminated in `filename`, a buffer of `namelen` bytes.
@@ -348,11 +349,13 @@ KO_API int extract_rep_header_sync(rep_in_stream_t *stream, rep_header_t *header
 KO_API int extract_rep_file(rep_in_stream_t *stream, rep_file_t *file, char *filename,
                             uint32_t namelen);
 
-/* The same for the extended record; nothing on the wire tells the two apart. */
+/* Take an extended file record and its name, as extract_rep_file does. Nothing on the wire tells
+ * the two apart. */
 KO_API int extract_file_info(rep_in_stream_t *stream, file_info_t *file, char *filename,
                              uint32_t namelen);
 
-/* The general form of both: `size` is 96 or 112, the room in `buff`. Another size returns -1. */
+/* The general form of extract_rep_file and extract_file_info: `size` is 96 or 112, the room in
+ * `buff`. Another size returns -1. */
 KO_API int _extract_rep_file(rep_in_stream_t *stream, void *buff, uint32_t size, char *filename,
                              uint32_t namelen);
 
@@ -372,7 +375,8 @@ KO_API int extract_rep_ns_file(rep_in_stream_t *stream, rep_ns_file_t *file, cha
 KO_API int extract_rep_cmd(rep_in_stream_t *stream, uint8_t *data, uint32_t data_len,
                            uint32_t *ret_len);
 
-/* The same; the buffer does not move when it holds exactly the fixed part. */
+/* Take a command, as extract_rep_cmd does; what is buffered does not move when it is exactly the
+ * fixed part. */
 KO_API int extract_rep_cmd_sync(rep_in_stream_t *stream, uint8_t *data, uint32_t data_len,
                                 uint32_t *ret_len);
 

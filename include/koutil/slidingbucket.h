@@ -23,6 +23,7 @@ KO_BEGIN_DECLS
 /* The highest index of a slice. */
 #define SB_SETSIZE 20
 
+/* A rate: the quantities of the present slice and of those before it. */
 typedef struct _sliding_bucket {
     uint64_t bucket[SB_SETSIZE + 1]; /* the quantity of each slice */
     uint32_t curr;                   /* the slice being filled */

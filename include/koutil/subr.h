@@ -39,11 +39,11 @@ enum {
 /* One row of a table of texts. The table ends with a row whose key is KEY_TXT_END; the text of that
  * row is the answer for every key that the table lacks. */
 typedef struct key_txt {
-    uint32_t key;
-    const char *txt;
+    uint32_t key;    /* the code; KEY_TXT_END in the last row */
+    const char *txt; /* its text */
 } key_txt_t;
 
-#define KEY_TXT_END 0xFFFFFFFFu
+#define KEY_TXT_END 0xFFFFFFFFu /* the key of the last row */
 
 /* The inode format versions, 0x203 to 0x20C, with their texts. */
 KO_API extern key_txt_t ivkey[11];
@@ -55,7 +55,7 @@ KO_API extern key_txt_t ivkey[11];
 
 /* A partition group, as far as this module looks at it. */
 typedef struct partgroup {
-    uint32_t flags;
+    uint32_t flags; /* PGROUP_... */
 } partgroup_t;
 
 /* Returns the text of an FSM state, such as "BLOCKED"; "(unknown state)" for any other code. */

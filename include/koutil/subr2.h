@@ -26,47 +26,48 @@
 
 KO_BEGIN_DECLS
 
-#define HOST_ADDRS_MAX     48
-#define HOST_MACS_MAX      48
-#define HOST_NICS_MAX      48
-#define HOST_NIC_ADDRS_MAX 5
+#define HOST_ADDRS_MAX     48 /* addresses that are kept */
+#define HOST_MACS_MAX      48 /* MAC addresses that are kept */
+#define HOST_NICS_MAX      48 /* network cards that are kept */
+#define HOST_NIC_ADDRS_MAX 5  /* addresses of one card that are kept */
 
 /* The host's MAC addresses. */
 typedef struct mac_addrs {
-    uint8_t mac_addr_count;
-    uint8_t mac_addr_padding; /* 0 */
-    char mac_addr_str[HOST_MACS_MAX][16];
+    uint8_t mac_addr_count;               /* entries in use */
+    uint8_t mac_addr_padding;             /* 0 */
+    char mac_addr_str[HOST_MACS_MAX][16]; /* "0x" and 12 digits each, terminated */
 } mac_addrs_t;
 
 /* One network card with its addresses, those of its aliases included. */
 typedef struct _nicinfo {
-    uint8_t ni_name[256];
-    uint8_t ni_mac[16];      /* 12 hexadecimal digits, without "0x" */
-    uint8_t ni_desc[256];    /* empty */
-    uint8_t ni_machdep[256]; /* empty */
-    uint32_t ni_ifindex;     /* 0 */
-    uint32_t ni_ipaddr_count;
-    int ni_flags; /* IFF_... */
-    in46addr_t ni_ipaddr[HOST_NIC_ADDRS_MAX];
+    uint8_t ni_name[256];                     /* terminated */
+    uint8_t ni_mac[16];                       /* 12 hexadecimal digits, without "0x" */
+    uint8_t ni_desc[256];                     /* empty */
+    uint8_t ni_machdep[256];                  /* empty */
+    uint32_t ni_ifindex;                      /* 0 */
+    uint32_t ni_ipaddr_count;                 /* addresses in use */
+    int ni_flags;                             /* IFF_... */
+    in46addr_t ni_ipaddr[HOST_NIC_ADDRS_MAX]; /* unused slots are zero */
 } NicInfo_t;
 
+/* The host's network cards. */
 typedef struct _sysnics {
-    uint32_t si_count;
-    uint32_t si_pad; /* 0 */
-    NicInfo_t si_nic[HOST_NICS_MAX];
+    uint32_t si_count;               /* cards in use */
+    uint32_t si_pad;                 /* 0 */
+    NicInfo_t si_nic[HOST_NICS_MAX]; /* the primary interface's card first */
 } SysNics_t;
 
-/* Guards what follows. */
+/* Guards saved_ipaddrs, saved_macaddrs, saved_nics and saved_ipaddrs_backoff. */
 KO_API extern thread_mutex_t ipaddrs_lock;
 
-/* The lists as they were built last; they keep their contents when they are dropped. Unused slots
- * of the addresses are all zero. Ask through the functions below instead. */
+/* The addresses as they were listed last; they keep their contents when the lists are dropped.
+ * Unused slots are all zero. Ask through enumerate_ip_addrs instead. */
 KO_API extern in46addr_t saved_ipaddrs[HOST_ADDRS_MAX];
 
-/* See saved_ipaddrs. */
+/* The MAC addresses as they were listed last; see saved_ipaddrs. */
 KO_API extern mac_addrs_t saved_macaddrs;
 
-/* See saved_ipaddrs. */
+/* The network cards as they were listed last; see saved_ipaddrs. */
 KO_API extern SysNics_t saved_nics;
 
 /* How long the lists are kept: an index from 0 (5 s) to 15 (60 s). */

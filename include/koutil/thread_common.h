@@ -26,8 +26,8 @@ KO_BEGIN_DECLS
 
 /* What the starter runs. */
 typedef struct ts {
-    void *(*start_routine)(void *);
-    void *arg;
+    void *(*start_routine)(void *); /* what to run */
+    void *arg;                      /* its argument */
 } ts_t;
 
 /* Base stack size of the library's threads in bytes; a host may change it before

@@ -21,6 +21,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* Around the declarations of every header: C linkage in C++. */
 #ifdef __cplusplus
 #define KO_BEGIN_DECLS extern "C" {
 #define KO_END_DECLS   }

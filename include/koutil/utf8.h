@@ -56,8 +56,8 @@ enum {
  * is packed with its first byte most significant: C3 80 is 0xC380. Both are 0 in an empty bucket.
  */
 typedef struct utf8hashbkt {
-    UTF32 hkey;
-    UTF32 hval;
+    UTF32 hkey; /* the character */
+    UTF32 hval; /* its counterpart */
 } utf8hashbkt_t;
 
 #define UTF8HASH_BUCKETS 1949 /* of a case table */
@@ -88,7 +88,8 @@ KO_API ConversionResult ConvertUTF16toUTF8(const UTF16 **sourceStart, const UTF1
                                            UTF8 **targetStart, UTF8 *targetEnd,
                                            ConversionFlags flags);
 
-/* Convert UTF-8 from *sourceStart to UTF-16 at *targetStart; ends, modes and pointers as above.
+/* Convert UTF-8 from *sourceStart to UTF-16 at *targetStart; ends, modes and pointers are those
+ * of ConvertUTF16toUTF8.
  *
  * Illegal are sequences that are cut, too long for their character or past U+10FFFF, stray
  * continuation bytes and leads of five and six bytes; encoded surrogates only with

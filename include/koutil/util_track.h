@@ -37,8 +37,8 @@ KO_BEGIN_DECLS
 
 /* The state of a utility's reports; use the functions below. */
 typedef struct util_track_ctx {
-    FILE *fp; /* the progress file, open for reading and writing */
-    pid_t pid;
+    FILE *fp;              /* the progress file, open for reading and writing */
+    pid_t pid;             /* of the utility */
     const char *phase;     /* or null */
     const char *status;    /* or null */
     int progress;          /* negative: none */

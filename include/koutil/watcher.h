@@ -45,9 +45,10 @@ typedef int (*main_f)(int argc, char **argv);
 /* In a watched daemon: the watcher's process id. */
 KO_API extern pid_t WatcherPid;
 
-/* Run `inner_main(argc, argv)` as the table above says. `argv` is the vector that main received;
- * its strings are overwritten to rename the watcher when they are the process's own arguments and
- * have room for the name; the daemon then gets a copy and shows the original command line.
+/* Run `inner_main(argc, argv)` as the tables at the top of watcher.h say. `argv` is the vector that
+ * main received; its strings are overwritten to rename the watcher when they are the process's own
+ * arguments and have room for the name; the daemon then gets a copy and shows the original command
+ * line.
  *
  * The watcher and the daemon that it watches do not return: they end in exit(3).
  *

@@ -16,11 +16,16 @@
 KO_BEGIN_DECLS
 
 #ifndef XXHASH_H_5627135585666179
-typedef uint32_t XXH32_hash_t;
-typedef uint64_t XXH64_hash_t;
-typedef enum { XXH_OK = 0, XXH_ERROR } XXH_errorcode;
-typedef struct XXH32_state_s XXH32_state_t;
-typedef struct XXH64_state_s XXH64_state_t;
+/* Outcome of a call on a state. */
+typedef enum {
+    XXH_OK = 0, /* success */
+    XXH_ERROR   /* a null input */
+} XXH_errorcode;
+
+typedef uint32_t XXH32_hash_t;              /* a 32-bit hash, or its seed */
+typedef uint64_t XXH64_hash_t;              /* a 64-bit hash, or its seed */
+typedef struct XXH32_state_s XXH32_state_t; /* a 32-bit hash under way */
+typedef struct XXH64_state_s XXH64_state_t; /* a 64-bit hash under way */
 #endif
 
 /* Returns the 32-bit hash of `length` bytes. A null `input` needs a `length` of 0. */
