@@ -24,7 +24,8 @@
 //   * NAMECONT, VALCONT   any                     nothing
 //
 // Saving. The old file is not touched before the new text is complete, synced and closed; then the
-// new file is renamed over the old name. Whatever fails, a complete text is on disk.
+// new file is renamed over the old name and the folder synced. Whatever fails, and whenever the
+// power goes, a complete text is on disk; once a save has returned 0, it is the new one.
 #include "koutil/kovacfg.h"
 
 #include "internal/guards.h"
@@ -35,6 +36,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -642,6 +644,20 @@ bool removing_may_help(VoError_t status)
            status == EISDIR || status == ENOTEMPTY;
 }
 
+// Makes a new name in the file's folder last. A folder that may be written but not read cannot be
+// synced, nor can some file systems.
+VoError_t sync_folder(const char *path)
+{
+    char folder[sizeof(KovaCfg_t::KovaCfgPath)] = ".";
+    const char *slash = strrchr(path, '/');
+    if (slash != nullptr) {
+        VoSnprintf(folder, sizeof folder, "%.*s", static_cast<int>(slash - path) + 1, path);
+    }
+    const koutil::Fd fd(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const bool synced = fd && fsync(fd.get()) == 0;
+    return synced || errno == EINVAL || errno == EACCES ? 0 : errno;
+}
+
 VoError_t replace_old(const Save *save)
 {
     const char *path = save->cfg->KovaCfgPath;
@@ -653,6 +669,9 @@ VoError_t replace_old(const Save *save)
                           "KOVA Cfg: Error removing old copy of cfg file(%d)", status);
         }
         status = KovaRename(save->temp_path, path);
+    }
+    if (status == 0) {
+        status = sync_folder(path);
     }
     return report(save->message, status, "KOVA Cfg: Error renaming new copy of cfg file (%d)",
                   status);

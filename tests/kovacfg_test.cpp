@@ -498,6 +498,9 @@ TEST_F(Cfg, ACompleteTextIsOnDiskWhateverFails)
         "Error closing temp configuration file (5)",   // close: up to here the handle is kept
         "Error closing configuration file (5)",        // close
         "Error renaming new copy of cfg file (5)",     // rename
+        "Error renaming new copy of cfg file (5)",     // open of the folder
+        "Error renaming new copy of cfg file (5)",     // fsync of the folder
+        "",                                            // close of the folder
         "Error reopening new copy of cfg file (5)",    // open
     };
     const int descriptors = support::open_descriptors();
@@ -507,9 +510,10 @@ TEST_F(Cfg, ACompleteTextIsOnDiskWhateverFails)
         insert(0, nullptr, {}, "note");
         Faults one;
         one.failing = 1u << call;
-        EXPECT_EQ(save(one), EIO) << call;
-        EXPECT_EQ(message, "KOVA Cfg: " + messages[call - 1]);
-        EXPECT_EQ(cfg->KovaHndl != nullptr, call <= 6) << call;
+        const std::string &expected = messages[call - 1];
+        EXPECT_EQ(save(one), expected.empty() ? 0 : EIO) << call;
+        EXPECT_EQ(message, expected.empty() ? "" : "KOVA Cfg: " + expected);
+        EXPECT_EQ(cfg->KovaHndl != nullptr, call <= 6 || expected.empty()) << call;
         EXPECT_EQ(support::read_file(path), call <= 8 ? "a=1\n" : new_text) << call;
         EXPECT_EQ(save(), 0) << message; // the object can be saved once the fault is gone
         EXPECT_EQ(support::read_file(path), new_text);

@@ -107,9 +107,11 @@ KO_API VoError_t KovaCfgClose(KovaCfg_t **KovaCfgIn, int SaveChanges, char *ErrM
  *
  * The text goes to a temporary file beside the old one (the path with "~", or "~a" to "~z" where
  * those exist), is synced, and replaces the old file in one step, so that the name always leads to
- * a whole text, old or new. Mode and owner of the old file are kept as far as the process may set
- * them. Only on file systems that refuse to rename over a file is the old one removed first. The
- * file is then opened again with the object's flags.
+ * a whole text, old or new, also after a power cut; the folder is synced, too, so that it is the
+ * new one once the save has returned 0. What ends a process in a save leaves its temporary file;
+ * these do not disturb, and there are never more than 27. Mode and owner of the old file are kept
+ * as far as the process may set them. Only on file systems that refuse to rename over a file is the
+ * old one removed first. The file is then opened again with the object's flags.
  *
  * A comment is written as a line of its own before its entry, with "# " in front where it does not
  * begin with '#'. In the assignment form only the first value is written. Nothing is quoted.
