@@ -81,9 +81,16 @@ void koutil_debug_output(const char *format, ...)
     va_end(args);
 }
 
-// A function of nothing but assembler text: no prologue and no instrumentation.
+// A function of nothing but assembler text: no prologue and no instrumentation. Without
+// optimisation one of the compilers saves the variable arguments all the same, to a frame that is
+// not there.
+#ifdef __clang__
+#define KO_OPTIMISED
+#else
+#define KO_OPTIMISED optimize("O1"),
+#endif
 #define KO_BARE                                                                                    \
-    __attribute__((naked, no_profile_instrument_function,                                          \
+    __attribute__((naked, KO_OPTIMISED no_profile_instrument_function,                             \
                    no_sanitize("address", "undefined", "thread")))
 
 write_log_fn_t WriteLog = nullptr;
