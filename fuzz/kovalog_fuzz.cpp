@@ -1,11 +1,10 @@
 // kovalog_fuzz.cpp - lists of debug flags against a plain model, and log lines of any text and
 // number against the platform's formatter.
+#include "fuzz.h"
 #include "koutil/kovalog.h"
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <sys/mman.h>
 
@@ -14,13 +13,6 @@ namespace
 
 vornlog_legend_t legend[] = {{0, "io", ""},   {1, "lock", ""}, {9, "net", ""},
                              {17, "far", ""}, {2, "io", ""},   {0, nullptr, nullptr}};
-
-void require(bool condition)
-{
-    if (!condition) {
-        abort();
-    }
-}
 
 void parse_flags(const std::string &options)
 {
@@ -38,8 +30,8 @@ void parse_flags(const std::string &options)
         }
     }
     uint8_t flags[2] = {0xaa, 0xaa};
-    std::string writable = options;
-    require(_ParseDebugParams(writable.data(), legend, flags, sizeof flags) == result);
+    const Text writable = text_of(options.data(), options.size());
+    require(_ParseDebugParams(writable.get(), legend, flags, sizeof flags) == result);
     require(flags[0] == (expected & 0xff) && flags[1] == (expected >> 8 & 0xff));
 }
 

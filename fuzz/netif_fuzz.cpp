@@ -1,23 +1,10 @@
 // netif_fuzz.cpp - the kernel's table of IPv6 addresses: whatever its lines hold, the records stay
 // within the list, carry usable addresses and lead to lists that agree with them.
+#include "fuzz.h"
 #include "internal/hostaddrs.h"
 #include "internal/netif.h"
 
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-
-namespace
-{
-
-void require(bool condition)
-{
-    if (!condition) {
-        abort();
-    }
-}
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

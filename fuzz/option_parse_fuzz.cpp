@@ -1,12 +1,9 @@
 // option_parse_fuzz.cpp - option strings: any text is walked to its end, each step goes forward or
 // fails with a message, every value lies in its range, and times read back as they were.
+#include "fuzz.h"
 #include "koutil/option_parse.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-#include <string>
 
 namespace
 {
@@ -24,13 +21,6 @@ Option table[] = {
     {"x=", left, 0, 0, nullptr, 0, KOOPT_INVALID, 0},
     {nullptr, 0, 0, 0, nullptr, 0, KOOPT_INVALID, 0},
 };
-
-void require(bool condition)
-{
-    if (!condition) {
-        abort();
-    }
-}
 
 void check_value(uint32_t code, uint64_t number)
 {
@@ -57,28 +47,30 @@ void check_value(uint32_t code, uint64_t number)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    std::string text(reinterpret_cast<const char *>(data), size);
-    text.resize(strlen(text.c_str()));
+    const Text text = text_of(data, size);
+    const char *const end = text.get() + strlen(text.get());
     constexpr int word_size = 6;
-    const std::unique_ptr<char[]> word(new char[word_size]());
-    const int message_size = 1 + static_cast<int>(size % 90);
-    const std::unique_ptr<char[]> message(new char[static_cast<size_t>(message_size)]);
-    char *rest = text.data();
+    const Text word = room_of(word_size);
+    const int message_size = static_cast<int>(size % 90);
+    const Text message = room_of(size % 90);
+    char *rest = text.get();
     for (;;) {
         char *const before = rest;
         uint64_t number = 0;
         const uint32_t code =
             parse_option(&rest, table, &number, word.get(), word_size, message.get(), message_size);
-        require(rest >= before && rest <= text.data() + text.size());
+        require(rest >= before && rest <= end);
         if (code == OPTION_END) {
             break;
         }
         if (code == OPTION_ERROR) {
-            require(number == 0 && (message_size == 1 || message[0] != '\0'));
+            require(number == 0);
+            require(message_size == 0 || strnlen(message.get(), size % 90) < size % 90);
+            require(message_size < 2 || *message != '\0');
             rest += strcspn(rest, ",");
             continue;
         }
-        require(rest > before && memchr(word.get(), '\0', word_size) != nullptr);
+        require(rest > before && (code != name || memchr(word.get(), '\0', word_size) != nullptr));
         check_value(code, number);
         if (code == left) {
             rest += strcspn(rest, ",");
@@ -86,10 +78,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     uint64_t seconds = 0;
     memcpy(&seconds, data, std::min(size, sizeof seconds));
-    char written[24];
-    format_interval(seconds, written);
-    char *at = written;
+    const Text written = room_of(24);
+    format_interval(seconds, written.get());
+    char *at = written.get();
     uint64_t again = ~seconds;
-    require(parse_interval(&at, &again, nullptr, 0) == 1 && again == seconds);
+    require(parse_interval(&at, &again, nullptr, 0) == 1 && again == seconds && *at == '\0');
+    const Text shown = room_of(21);
+    format_number(seconds, shown.get());
+    at = shown.get();
+    char *reason = nullptr;
+    require(parse_number(&at, &again, &reason) == 1 && again == seconds && *at == '\0');
     return 0;
 }

@@ -1,31 +1,25 @@
 // rep_stream_fuzz.cpp - the input stream: whatever arrives, and in whatever order records are asked
 // for, nothing is taken that has not come, and texts and lengths stay in their bounds.
 //
-// The first byte is a number of steps, up to 31; a byte for each follows; the rest is the stream.
+// The first byte is a number of steps, up to 31, and in its high bits how large a piece each read
+// brings; a byte for each step follows; the rest is the stream.
+#include "fuzz.h"
 #include "koutil/rep_stream.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <unistd.h>
+#include <sys/syscall.h>
 
 namespace
 {
 
-void require(bool condition)
-{
-    if (!condition) {
-        abort();
-    }
-}
+size_t piece; // the most that a read brings, 0 for no limit
 
 void take_name(rep_in_stream_t *in, uint8_t step)
 {
     const uint32_t room = step >> 3; // 0 to 31
-    auto *name = static_cast<char *>(malloc(room + 1));
-    memset(name, '?', room + 1);
+    const Text exact = room_of(room);
+    char *const name = exact.get();
     rep_file_t file;
     file_info_t info;
     rep_ns_file_t ns;
@@ -42,8 +36,6 @@ void take_name(rep_in_stream_t *in, uint8_t step)
     }
     require(length >= -1 && (length <= 0 || static_cast<uint32_t>(length) < room));
     require(length <= 0 || name[length] == '\0');
-    require(name[room] == '?');
-    free(name);
 }
 
 void take_mapping(rep_in_stream_t *in)
@@ -58,18 +50,21 @@ void take_mapping(rep_in_stream_t *in)
 
 void take(rep_in_stream_t *in, uint8_t step)
 {
-    static uint8_t data[70000];
     rep_header_t header;
     rep_blob_t blob;
+    Text data;
     uint32_t length = 0;
     int result = 0;
     switch (step & 7) {
     case 3:
-        result = extract_rep_cmd(in, data, step * 300u, (step & 8) != 0 ? &length : nullptr);
+        data = room_of(step * 300u);
+        result = extract_rep_cmd(in, reinterpret_cast<uint8_t *>(data.get()), step * 300u,
+                                 (step & 8) != 0 ? &length : nullptr);
         require(length <= REP_BUFFER_SIZE);
         break;
     case 4:
-        result = extract_rep_data(in, (step & 8) != 0 ? data : nullptr, step * 270u);
+        data = (step & 8) != 0 ? room_of(step * 270u) : nullptr;
+        result = extract_rep_data(in, reinterpret_cast<uint8_t *>(data.get()), step * 270u);
         break;
     case 5:
         take_mapping(in);
@@ -88,6 +83,13 @@ void take(rep_in_stream_t *in, uint8_t step)
 
 } // namespace
 
+// Every read of the program. What it may fill is filled, so that bytes that did not come are wrong.
+extern "C" ssize_t read(int file, void *buffer, size_t size)
+{
+    memset(buffer, 0xA5, size);
+    return syscall(SYS_read, file, buffer, piece != 0 ? std::min(size, piece) : size);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size == 0) {
@@ -99,6 +101,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const int file = memfd_create("stream", MFD_CLOEXEC);
     require(write(file, stream, length) == static_cast<ssize_t>(length));
     require(lseek(file, 0, SEEK_SET) == 0);
+    constexpr size_t pieces[] = {0, 1, 3, 7, 8, 100, 4096, 65535};
+    piece = pieces[data[0] / 32];
     rep_in_stream_t *in = create_rep_in_stream(file);
     for (size_t i = 0; i < steps; i++) {
         take(in, data[1 + i]);
@@ -108,5 +112,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     require(copy_rep_stream(in, out) == 0 && in->rep_stream_offset == length);
     cleanup_rep_stream(out, 0);
     cleanup_rep_in_stream(in);
+    piece = 0;
     return 0;
 }

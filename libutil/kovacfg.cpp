@@ -264,6 +264,13 @@ bool parse_line(Line *line, char *text)
     return true;
 }
 
+// Where the parser begins in a file of that form.
+Line start_line(CfgEnt_t *ent, KovaCfgType_t type)
+{
+    const bool named = type == CFGTYPE_ASSIGN || type == CFGTYPE_WORDS;
+    return {ent, type == CFGTYPE_WORDS, named ? CFGMOD_NAMESTART : CFGMOD_VALSTART};
+}
+
 // Where the reader stands in the file.
 struct Reader {
     KovaCfg_t *cfg;
@@ -369,9 +376,7 @@ VoError_t read_entry(Reader *reader, bool *at_end)
     }
     const char line_end = text[length];
     text[length] = '\0';
-    const KovaCfgType_t type = reader->cfg->KovaCfgType;
-    const bool named = type == CFGTYPE_ASSIGN || type == CFGTYPE_WORDS;
-    Line line = {ent.get(), type == CFGTYPE_WORDS, named ? CFGMOD_NAMESTART : CFGMOD_VALSTART};
+    Line line = start_line(ent.get(), reader->cfg->KovaCfgType);
     if (!parse_line(&line, text)) {
         const char *name = ent->KovaCfgName != nullptr ? ent->KovaCfgName : "(null)";
         return report(reader->message, status_too_long, "Line '%s' has too many fields.", name);
@@ -579,6 +584,16 @@ struct LineText {
     }
 };
 
+// Whether the line can be read back: texts that stood in quotes may hold more separators than a
+// line may have values.
+bool reads_back(const Save *save, const LineText *line)
+{
+    CfgEnt_t ent = {};
+    Line parsed = start_line(&ent, save->cfg->KovaCfgType);
+    LineText text = *line;
+    return parse_line(&parsed, text.text);
+}
+
 VoError_t write_entry(const Save *save, const CfgEnt_t *ent)
 {
     LineText line;
@@ -601,6 +616,9 @@ VoError_t write_entry(const Save *save, const CfgEnt_t *ent)
     }
     if (line.length == 0) {
         return 0;
+    }
+    if (!reads_back(save, &line)) {
+        return report(save->message, status_too_long, "Line '%s' has too many fields.", line.text);
     }
     line.add("\n");
     const VoError_t status = write_all(save, line.text, line.length);

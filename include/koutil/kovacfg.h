@@ -116,9 +116,10 @@ KO_API VoError_t KovaCfgClose(KovaCfg_t **KovaCfgIn, int SaveChanges, char *ErrM
  * A comment is written as a line of its own before its entry, with "# " in front where it does not
  * begin with '#'. In the assignment form only the first value is written. Nothing is quoted.
  *
- * Returns 0; 22 for a line too long to be read back; or the status of what failed. Until the new
- * text is complete a failure leaves the old file and the object as they were; later ones leave the
- * object without a handle, and it can be saved again. The temporary file of a failed save stays. */
+ * Returns 0; 22 for a line that is too long, or has too many values, to be read back; or the status
+ * of what failed. Until the new text is complete a failure leaves the old file and the object as
+ * they were; later ones leave the object without a handle, and it can be saved again. The temporary
+ * file of a failed save stays. */
 KO_API VoError_t KovaCfgSave(KovaCfg_t *KovaCfg, char *ErrMsg, size_t ErrMsgSz);
 
 /* Copy an object with all entries, but without a file handle and without the metadata marks.
