@@ -438,11 +438,111 @@ template <typename Layout>
     move_record<Layout, false>(wire, &record);
 }
 
+// File records are read 16 bytes at a time: the bytes of each 16-bit word change places, then the
+// words of each field.
+using Words [[gnu::vector_size(16)]] = uint16_t;
+
+struct WordOrder {
+    size_t from[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+};
+
+// Where the words of the 16 bytes from `start` on come from. Does not compile for a field that
+// crosses their ends.
+template <typename Layout>
+consteval WordOrder word_order(size_t start)
+{
+    WordOrder order;
+    for (const Field &field : Layout::fields) {
+        for (size_t i = 0; i < field.count && field.width > 1; i++) {
+            const size_t at = field.offset + i * field.width;
+            const size_t end = at + field.width;
+            for (size_t word = 0; word < field.width / 2 && at < start + 16 && end > start;
+                 word++) {
+                order.from[(at - start) / 2 + word] = (end - start) / 2 - 1 - word;
+            }
+        }
+    }
+    return order;
+}
+
+template <typename Layout, size_t block>
+[[gnu::always_inline]] inline void load_block(unsigned char *record, const unsigned char *wire)
+{
+    constexpr WordOrder order = word_order<Layout>(block * 16);
+    Words words;
+    memcpy(&words, wire + block * 16, sizeof words);
+    words = words << 8 | words >> 8;
+    words = __builtin_shufflevector(words, words, order.from[0], order.from[1], order.from[2],
+                                    order.from[3], order.from[4], order.from[5], order.from[6],
+                                    order.from[7]);
+    memcpy(record + block * 16, &words, sizeof words);
+}
+
+template <Field field>
+[[gnu::always_inline]] inline void load_bytes(unsigned char *record, const unsigned char *wire)
+{
+    if constexpr (field.width == 1) {
+        memcpy(record + field.offset, wire + field.offset, field.count);
+    }
+}
+
+template <typename Layout, size_t... block, size_t... i>
+[[gnu::always_inline]] inline void load_blocks(unsigned char *record, const unsigned char *wire,
+                                               std::index_sequence<block...>,
+                                               std::index_sequence<i...>)
+{
+    (load_block<Layout, block>(record, wire), ...);
+    (load_bytes<Layout::fields[i]>(record, wire), ...);
+}
+
+template <typename Layout>
+[[gnu::always_inline]] inline void load_large(void *record, const unsigned char *wire)
+{
+    load_blocks<Layout>(static_cast<unsigned char *>(record), wire,
+                        std::make_index_sequence<sizeof(typename Layout::Record) / 16>(),
+                        std::make_index_sequence<std::size(Layout::fields)>());
+}
+
 // Reads a record from its wire form. The record may stand at any address.
 template <typename Layout>
 [[gnu::always_inline]] inline void load(void *record, const unsigned char *wire)
 {
     move_record<Layout, false>(record, wire);
+}
+
+template <typename Word>
+inline void copy_overlapping(unsigned char *to, const unsigned char *from, size_t length)
+{
+    Word first, last;
+    memcpy(&first, from, sizeof first);
+    memcpy(&last, from + length - sizeof last, sizeof last);
+    memcpy(to, &first, sizeof first);
+    memcpy(to + length - sizeof last, &last, sizeof last);
+}
+
+// Out of line, or the compiler, knowing how short a name is, copies it with a string instruction
+// that takes longer than the rest of the record.
+[[gnu::noinline]] void copy_long(void *to, const void *from, size_t length)
+{
+    memcpy(to, from, length);
+}
+
+// Copies `length` bytes, which are few as a rule: up to 16 go in two moves that may overlap.
+inline void copy(void *to, const void *from, size_t length)
+{
+    auto *out = static_cast<unsigned char *>(to);
+    auto *in = static_cast<const unsigned char *>(from);
+    if (length > 16) {
+        copy_long(to, from, length);
+    } else if (length >= 8) {
+        copy_overlapping<uint64_t>(out, in, length);
+    } else if (length >= 4) {
+        copy_overlapping<uint32_t>(out, in, length);
+    } else {
+        for (size_t i = 0; i < length; i++) {
+            out[i] = in[i];
+        }
+    }
 }
 
 inline unsigned char *byte_at(void *record, size_t offset)
@@ -760,13 +860,12 @@ int append_record(rep_stream_t *stream, const typename Layout::Record &record)
     return append(stream, wire, sizeof spare, spare);
 }
 
-// Copies data and zeroes its padding. Out of line, or the compiler, knowing how short a name is,
-// copies it with a string instruction that takes longer than the rest of the record.
-[[gnu::noinline]] void put_padded(unsigned char *to, const void *data, uint32_t length)
+// Copies data and zeroes its padding.
+void put_padded(unsigned char *to, const void *data, uint32_t length)
 {
     if (length > 0) {
         memset(to + padded(length) - 4, 0, 4);
-        memcpy(to, data, length);
+        copy(to, data, length);
     }
 }
 
@@ -1337,9 +1436,10 @@ int take_name(rep_in_stream_t *stream, uint32_t magic, uint32_t length, char *fi
     return static_cast<int>(length);
 }
 
-// Takes a file record of either form and its name.
+// Takes a file record of either form and its name, piece by piece as they arrive.
 template <typename Layout>
-int take_file(rep_in_stream_t *stream, void *record, char *filename, uint32_t room)
+[[gnu::noinline]] int take_arriving_file(rep_in_stream_t *stream, void *record, char *filename,
+                                         uint32_t room)
 {
     constexpr uint32_t fixed = sizeof(typename Layout::Record);
     if (!make_ready(stream, fixed)) {
@@ -1350,6 +1450,33 @@ int take_file(rep_in_stream_t *stream, void *record, char *filename, uint32_t ro
     load<CmdLayout>(&start, wire);
     load<Layout>(record, wire);
     return take_name(stream, start.rep_magic, start.rep_cmdlen, filename, room);
+}
+
+// Takes a file record of either form and its name. What is buffered whole, with more behind it, and
+// in order is taken in one step.
+template <typename Layout>
+int take_file(rep_in_stream_t *stream, void *record, char *filename, uint32_t room)
+{
+    rep_buffer_t *buffer = &stream->rep_buffer;
+    const uint8_t *wire = buffer->rep_data + buffer->rep_used;
+    const uint64_t fixed_end = uint64_t{buffer->rep_used} + sizeof(typename Layout::Record);
+    if (fixed_end < buffer->rep_buf_offset) {
+        rep_cmd_t start; // a file record begins like a command: magic, type, length of the rest
+        load<CmdLayout>(&start, wire);
+        const uint32_t length = start.rep_cmdlen;
+        const uint64_t end = fixed_end + padded(length);
+        if (start.rep_magic == REP_FILE_MAGIC && length < room && end < buffer->rep_buf_offset) {
+            load_large<Layout>(record, wire);
+            if (length > 0) {
+                copy(filename, buffer->rep_data + fixed_end, length);
+                filename[length] = '\0';
+            }
+            stream->rep_stream_offset += end - buffer->rep_used;
+            buffer->rep_used = static_cast<uint32_t>(end);
+            return static_cast<int>(length);
+        }
+    }
+    return take_arriving_file<Layout>(stream, record, filename, room);
 }
 
 int take_header(rep_in_stream_t *stream, rep_header_t *header, Exact exact)
