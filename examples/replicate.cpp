@@ -12,9 +12,9 @@
 // empty name; for each distinct mode a security-descriptor mapping before it is used; a file record
 // for each file and link, followed by its data in pieces: a blob record with offset, length and
 // checksum, then the data, a length of 0 ending the file; an end command with the sender's counts.
-// The receiver answers with a rep_reply_t. A file gets its name only when it is whole, and names
-// that would leave the directory end the stream. Owners and set-id bits are not copied. There is no
-// authentication: for networks that are trusted.
+// The receiver answers with a rep_reply_t. A file gets its name only when it is whole and synced,
+// and a good reply means that all is on disk. Names that would leave the directory end the stream.
+// Owners and set-id bits are not copied. There is no authentication: for networks that are trusted.
 #include <koutil/koutil.h>
 
 #include <cerrno>
@@ -31,6 +31,7 @@
 #include <netdb.h>
 #include <set>
 #include <string>
+#include <sys/file.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -44,8 +45,9 @@ namespace
 enum : uint16_t { record_file = 1, record_link = 2, command_end = 100, command_reply = 101 };
 enum : uint32_t { stream_done = 1, stream_broken = 2 }; // bits of rep_stream_flags
 
-constexpr uint32_t piece_size = 1 << 20; // of a file's data
-constexpr uint64_t mode_key = 0x10000;   // key of a mode's descriptor: the mode and this
+constexpr uint32_t piece_size = 1 << 20;     // of a file's data
+constexpr char unfinished[] = ".replicate~"; // the name of a file until it is whole
+constexpr uint64_t mode_key = 0x10000;       // key of a mode's descriptor: the mode and this
 
 struct Options {
     uint32_t timeout = 30;
@@ -217,15 +219,19 @@ class Sender
         switch (entry->fts_info) {
         case FTS_D:
             return send_directory(entry);
+        case FTS_DP:
+            return true;
         case FTS_F:
         case FTS_SL:
         case FTS_SLNONE:
-            return send_file(entry);
-        case FTS_DP:
-            return true;
+            if (strcmp(entry->fts_name, unfinished) != 0) {
+                return send_file(entry);
+            }
+            [[fallthrough]];
         default:
             fprintf(stderr, "%s: left out: %s\n", entry->fts_path,
-                    entry->fts_errno != 0 ? strerror(entry->fts_errno) : "not a file");
+                    entry->fts_errno != 0 ? strerror(entry->fts_errno)
+                                          : "not a file, or not a whole one");
             stats_.rep_files_skipped++;
             return true;
         }
@@ -603,6 +609,7 @@ class Receiver
             return Step::broken;
         }
         if (directories_.empty() && length == 0) {
+            unlinkat(root_, unfinished, 0);
             directories_[record.rep_inode_inum] = {"", record.rep_ns_flags & 0777};
             return Step::next;
         }
@@ -619,6 +626,7 @@ class Receiver
         if (!directory || fchmod(directory.get(), 0700) != 0) {
             fail(path);
         }
+        unlinkat(directory.get(), unfinished, 0); // of a receiver that was killed
         directories_[record.rep_inode_inum] = {path, record.rep_ns_flags & 0777};
         order_.push_back(record.rep_inode_inum);
         reply_.rep_metadata_updated++;
@@ -649,17 +657,16 @@ class Receiver
         }
         const auto parent = directories_.find(record.rep_parent_inum);
         const auto mode = modes_.find(record.rep_ntsd_key);
-        if (!is_plain(name, length) || parent == directories_.end() || mode == modes_.end()) {
+        if (!is_plain(name, length) || strcmp(name, unfinished) == 0 ||
+            parent == directories_.end() || mode == modes_.end()) {
             return refuse(EPERM, name);
         }
         const std::string path = parent->second.path + "/" + name;
         const Descriptor directory = open_directory(parent->second.path);
-        const std::string temporary =
-            ".replicate." + std::to_string(getpid()) + "." + std::to_string(++temporaries_);
         const bool link = record.rep_type == record_link;
         Descriptor file;
         if (!link) {
-            file = Descriptor(openat(directory.get(), temporary.c_str(),
+            file = Descriptor(openat(directory.get(), unfinished,
                                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
         }
         bool good = link || file;
@@ -669,16 +676,16 @@ class Receiver
         std::string target;
         Step step = take_data(file.get(), link ? &target : nullptr, path, good);
         if (step == Step::next && good) {
-            good = link ? symlinkat(target.c_str(), directory.get(), temporary.c_str()) == 0
+            good = link ? symlinkat(target.c_str(), directory.get(), unfinished) == 0
                         : seal(file.get(), record, mode->second);
-            good = good && renameat(directory.get(), temporary.c_str(), directory.get(), name) == 0;
+            good = good && renameat(directory.get(), unfinished, directory.get(), name) == 0;
             if (good) {
                 reply_.rep_files_moved++;
                 return step;
             }
             fail(path);
         }
-        unlinkat(directory.get(), temporary.c_str(), 0);
+        unlinkat(directory.get(), unfinished, 0);
         return step;
     }
 
@@ -730,11 +737,16 @@ class Receiver
         return true;
     }
 
+    static bool synced(int fd)
+    {
+        return fsync(fd) == 0 || errno == EINVAL; // EINVAL: a file system that cannot
+    }
+
     static bool seal(int file, const rep_file_t &record, uint32_t mode)
     {
         const timespec times[2] = {{0, UTIME_OMIT},
                                    {record.rep_mtime.tv_sec, record.rep_mtime.tv_nsec}};
-        return fchmod(file, mode) == 0 && futimens(file, times) == 0;
+        return fchmod(file, mode) == 0 && futimens(file, times) == 0 && synced(file);
     }
 
     Step take_end()
@@ -754,15 +766,19 @@ class Receiver
         return Step::end;
     }
 
-    // Directories get their modes last and children first: one may be read-only.
+    // Directories get their modes last and children first: one may be read-only. Syncing them makes
+    // the names in them last.
     void finish_directories()
     {
         for (auto inum = order_.rbegin(); inum != order_.rend(); ++inum) {
             const Directory &made = directories_[*inum];
             const Descriptor directory = open_directory(made.path);
-            if (!directory || fchmod(directory.get(), made.mode) != 0) {
+            if (!directory || fchmod(directory.get(), made.mode) != 0 || !synced(directory.get())) {
                 fail(made.path);
             }
+        }
+        if (!synced(root_)) {
+            fail("the directory");
         }
     }
 
@@ -792,7 +808,6 @@ class Receiver
     std::map<uint64_t, Directory> directories_; // by inode number at the source
     std::vector<uint64_t> order_;               // in which they were made
     std::map<uint64_t, uint32_t> modes_;        // by key
-    uint32_t temporaries_ = 0;
     std::unique_ptr<uint8_t[]> piece_ = std::make_unique<uint8_t[]>(piece_size);
 };
 
@@ -838,6 +853,10 @@ int receive(const char *path, int port)
     const Descriptor root(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!root) {
         perror(path);
+        return 1;
+    }
+    if (flock(root.get(), LOCK_EX | LOCK_NB) != 0) { // until this process ends, however it does
+        fprintf(stderr, "%s: another receiver fills it\n", path);
         return 1;
     }
     SOCKET_T s4 = listening(AF_INET), s6 = listening(AF_INET6);
