@@ -654,9 +654,8 @@ VoError_t write_temp(Save *save)
                   status);
 }
 
-// Whether removing the target may help where renaming over it was refused. Any other failure would
-// only cost the old file.
-bool removing_may_help(VoError_t status)
+// Whether moving the target out of the way may help where renaming over it was refused.
+bool moving_may_help(VoError_t status)
 {
     return status == EEXIST || status == EBUSY || status == EACCES || status == EPERM ||
            status == EISDIR || status == ENOTEMPTY;
@@ -680,13 +679,17 @@ VoError_t replace_old(const Save *save)
 {
     const char *path = save->cfg->KovaCfgPath;
     VoError_t status = KovaRename(save->temp_path, path);
-    if (removing_may_help(status)) {
-        status = KovaDelete(path);
+    if (moving_may_help(status)) {
+        char aside[sizeof save->temp_path];
+        VoSnprintf(aside, sizeof aside, "%.*s~~", static_cast<int>(temp_stem_max), path);
+        (void)KovaDelete(aside);
+        status = KovaRename(path, aside);
         if (status != 0) {
             return report(save->message, status,
                           "KOVA Cfg: Error removing old copy of cfg file(%d)", status);
         }
         status = KovaRename(save->temp_path, path);
+        (void)(status == 0 ? KovaDelete(aside) : KovaRename(aside, path));
     }
     if (status == 0) {
         status = sync_folder(path);

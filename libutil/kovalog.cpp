@@ -306,7 +306,7 @@ int number_of(const char *entry, const char *base, size_t base_length)
 }
 
 // The highest number below `limit` that a file has, so that a count of a thousand million costs no
-// more than the files that exist; `limit` - 1 when the folder cannot be read.
+// more than the files that exist; `limit` - 1 when the folder cannot be read to its end.
 int highest_number(const char *filename, int limit)
 {
     const char *slash = strrchr(filename, '/');
@@ -320,12 +320,14 @@ int highest_number(const char *filename, int limit)
         return limit - 1;
     }
     int highest = 0;
+    errno = 0;
     for (const dirent *entry; (entry = readdir(listing)) != nullptr;) {
         const int number = number_of(entry->d_name, base, strlen(base));
         highest = number < limit ? std::max(highest, number) : highest;
     }
+    const bool complete = errno == 0;
     closedir(listing);
-    return highest;
+    return complete ? highest : limit - 1;
 }
 
 // Moves every file from `last` - 1 down to the log file itself one number up; false at the first

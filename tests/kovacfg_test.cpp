@@ -538,8 +538,9 @@ TEST_F(Cfg, AFullDiskKeepsTheOldFileAndShortWritesAreContinued)
     }
 }
 
-// Behind open, write, sync and two closes come the rename, the removal and another rename.
-TEST_F(Cfg, TheOldFileIsRemovedOnlyWhereRenamingOverItIsRefused)
+// Behind open, write, sync and two closes come the rename, and where it is refused the removal of
+// an older copy set aside, the old file's move there, and another rename.
+TEST_F(Cfg, TheOldFileIsMovedAsideOnlyWhereRenamingOverItIsRefused)
 {
     const struct {
         unsigned failing;
@@ -547,8 +548,8 @@ TEST_F(Cfg, TheOldFileIsRemovedOnlyWhereRenamingOverItIsRefused)
         const char *message;
         const char *text;
     } cases[] = {
-        {1 << 6 | 1 << 7, EPERM, "KOVA Cfg: Error removing old copy of cfg file(1)", "a=1\n"},
-        {1 << 6 | 1 << 8, EPERM, "KOVA Cfg: Error renaming new copy of cfg file (1)", ""},
+        {1 << 6 | 1 << 8, EPERM, "KOVA Cfg: Error removing old copy of cfg file(1)", "a=1\n"},
+        {1 << 6 | 1 << 9, EPERM, "KOVA Cfg: Error renaming new copy of cfg file (1)", "a=1\n"},
         {1 << 6, 0, "", "a=2\n"},
     };
     for (const auto &c : cases) {
@@ -562,6 +563,7 @@ TEST_F(Cfg, TheOldFileIsRemovedOnlyWhereRenamingOverItIsRefused)
         EXPECT_STREQ(message, c.message);
         EXPECT_EQ(support::read_file(path), c.text);
         EXPECT_EQ(support::read_file(path + "~"), c.status != 0 ? "a=2\n" : "");
+        EXPECT_FALSE(support::file_exists(path + "~~"));
         unlink((path + "~").c_str());
     }
 }

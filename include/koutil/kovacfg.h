@@ -111,7 +111,8 @@ KO_API VoError_t KovaCfgClose(KovaCfg_t **KovaCfgIn, int SaveChanges, char *ErrM
  * new one once the save has returned 0. What ends a process in a save leaves its temporary file;
  * these do not disturb, and there are never more than 27. Mode and owner of the old file are kept
  * as far as the process may set them. Only on file systems that refuse to rename over a file is the
- * old one removed first. The file is then opened again with the object's flags.
+ * old one moved aside first, to the path with "~~", and back should the rename fail again. The file
+ * is then opened again with the object's flags.
  *
  * A comment is written as a line of its own before its entry, with "# " in front where it does not
  * begin with '#'. In the assignment form only the first value is written. Nothing is quoted.

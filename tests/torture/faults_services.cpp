@@ -1,0 +1,2 @@
+#include "torture/faults.h"
+const std::span<const Scenario> service_scenarios;
