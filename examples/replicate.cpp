@@ -811,12 +811,16 @@ class Receiver
     std::unique_ptr<uint8_t[]> piece_ = std::make_unique<uint8_t[]>(piece_size);
 };
 
-SOCKET_T listening(int family)
+// An unbound socket. Where any port will do, a port is not shared: two receivers that start at once
+// would both be given it, and only one could listen.
+SOCKET_T listening(int family, int port)
 {
     const int on = 1;
     const SOCKET_T sock = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (sock != -1) {
-        setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        if (port != 0) {
+            setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        }
         if (family == AF_INET6) {
             setsockopt(sock, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
         }
@@ -859,7 +863,7 @@ int receive(const char *path, int port)
         fprintf(stderr, "%s: another receiver fills it\n", path);
         return 1;
     }
-    SOCKET_T s4 = listening(AF_INET), s6 = listening(AF_INET6);
+    SOCKET_T s4 = listening(AF_INET, port), s6 = listening(AF_INET6, port);
     port = BindSame(&s4, &s6, port, port);
     const Descriptor closer4(s4), closer6(s6);
     if (port <= 0 || (s4 != -1 && listen(s4, 5) != 0) || (s6 != -1 && listen(s6, 5) != 0)) {

@@ -16,7 +16,8 @@ TRACED = "%file,%desc,%network"
 LINE = re.compile(r"\d+ +(\w+)\((.*)\) += (-?\d+|\?)(.*)", re.DOTALL)
 PATH = r"(?:(?:AT_FDCWD|\d+)<([^>]*)>, )?\"((?:[^\"\\]|\\.)*)\""
 FILLER = "".join(f"name{i} . {i}\n" for i in range(40))
-TREE = {"a": b"first\n", "b": b"x" * 70000, "empty": b"", "c": b"1", "sub/d": b"below\n"}
+TREE = {"a": b"first\n", "b": b"x" * 70000, "empty": b"", "c": b"1", "sub/d": b"below\n",
+        **{f"file{i}": b"%d\n" % i for i in range(8)}}
 OLDER = {"a": b"older\n", "sub/d": b"older too\n"}
 
 
