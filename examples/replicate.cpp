@@ -49,6 +49,10 @@ constexpr uint32_t piece_size = 1 << 20;     // of a file's data
 constexpr char unfinished[] = ".replicate~"; // the name of a file until it is whole
 constexpr uint64_t mode_key = 0x10000;       // key of a mode's descriptor: the mode and this
 
+// What a receiver remembers of a stream, whatever its sender says.
+constexpr size_t most_path_bytes = 256 << 20;
+constexpr size_t most_modes = 4096;
+
 struct Options {
     uint32_t timeout = 30;
     const char *progress = nullptr;
@@ -620,6 +624,10 @@ class Receiver
         }
         const std::string path =
             parent->second.path.empty() ? name : parent->second.path + "/" + name;
+        path_bytes_ += path.size() + sizeof(Directory);
+        if (path_bytes_ > most_path_bytes) {
+            return refuse(ENOMEM, name);
+        }
         const Descriptor above = open_directory(parent->second.path);
         const bool made = mkdirat(above.get(), name, 0700) == 0 || errno == EEXIST;
         const Descriptor directory = made ? open_directory(path) : Descriptor();
@@ -643,6 +651,9 @@ class Receiver
         }
         const std::string text(reinterpret_cast<char *>(data), length);
         free(data);
+        if (modes_.size() == most_modes) {
+            return refuse(ENOMEM, text.c_str());
+        }
         modes_[key] = static_cast<uint32_t>(strtoul(text.c_str(), nullptr, 8)) & 0777;
         return Step::next;
     }
@@ -807,6 +818,7 @@ class Receiver
     rep_reply_t reply_ = {};
     std::map<uint64_t, Directory> directories_; // by inode number at the source
     std::vector<uint64_t> order_;               // in which they were made
+    size_t path_bytes_ = 0;                     // of directories_
     std::map<uint64_t, uint32_t> modes_;        // by key
     std::unique_ptr<uint8_t[]> piece_ = std::make_unique<uint8_t[]>(piece_size);
 };
