@@ -38,18 +38,16 @@
 //     WakeupRegistration           at once                        at the end of the scope
 //
 // Owners:         hold one thing or nothing, as std::unique_ptr does: they move and do not copy,
-// and
-//                 convert to true while they hold something. get() is for calls of the C functions,
-//                 release() gives the thing away, reset() releases it now. out() releases it and
-//                 gives the place for a function that opens. A release keeps errno; a status that
-//                 matters is had by calling close() where there is one.
+//                 and convert to true while they hold something. get() is for calls of the C
+//                 functions, release() gives the thing away, reset() releases it now. out()
+//                 releases it and gives the place for a function that opens. A release keeps errno;
+//                 a status that matters is had by calling close() where there is one.
 // Order:          owners are released in the reverse order of their declaration. Declare a cache
 //                 before its buffers, a mutex before its lock, an instance before its values.
 // Views:          lend, never own. Each says how long it holds.
 // Thread safety:  an owner belongs to one thread at a time; what it owns is as its header says.
 // Hooks:          a frame with an owner must not be left by longjmp (from a panic handler, say):
-// the
-//                 release would be skipped. No callback may throw into the library.
+//                 the release would be skipped. No callback may throw into the library.
 #ifndef KOUTIL_KOUTIL_HPP
 #define KOUTIL_KOUTIL_HPP
 
