@@ -7,11 +7,12 @@
 //     host_report --by-name    prefer the card whose address the host's name resolves to
 //
 // The program only asks and prints. Exit status: 0, or 2 for an unknown option.
-#include "koutil/koutil.h"
+#include "koutil/koutil.hpp"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <net/if.h>
 #include <string>
 #include <unistd.h>
@@ -194,10 +195,10 @@ std::vector<std::string> flag_names(int flags)
 }
 
 // "001122334455" with colons.
-std::string mac_text(const char *digits)
+std::string mac_text(std::string_view digits)
 {
     std::string text;
-    for (size_t i = 0; digits[i] != '\0'; i++) {
+    for (size_t i = 0; i < digits.size(); i++) {
         text += (i > 0 && i % 2 == 0 ? ":" : "") + std::string(1, digits[i]);
     }
     return text;
@@ -206,11 +207,11 @@ std::string mac_text(const char *digits)
 Card describe_card(const NicInfo_t &nic)
 {
     Card card;
-    card.name = reinterpret_cast<const char *>(nic.ni_name);
-    card.mac = mac_text(reinterpret_cast<const char *>(nic.ni_mac));
+    card.name = ko::field(nic.ni_name);
+    card.mac = mac_text(ko::field(nic.ni_mac));
     card.flags = flag_names(nic.ni_flags);
-    for (uint32_t i = 0; i < nic.ni_ipaddr_count; i++) {
-        card.addresses.push_back(text_of(nic.ni_ipaddr[i]));
+    for (const in46addr_t &address : ko::addresses(nic)) {
+        card.addresses.push_back(text_of(address));
     }
     return card;
 }
@@ -232,18 +233,29 @@ std::string reason_for(const Card &card, bool by_name)
     return "it is the first with a MAC and an IPv4 address, and none is named em1 or eth0";
 }
 
-// The primary card stands behind the first MAC and the first address, an IPv4 one.
-void find_primary(Report &report, bool by_name)
-{
-    in46addr_t addresses[HOST_ADDRS_MAX];
+// The host's lists as one question built them. The library drops its lists after some seconds; a
+// second question after a slow answer of the resolver could get others, without the preference.
+struct Lists {
+    explicit Lists(bool by_name)
+    {
+        by_name ? enumerate_auth_ids(&macs) : enumerate_mac_addrs(&macs);
+        const ko::Lock guard(ipaddrs_lock);
+        first_address = saved_ipaddrs[0];
+        nics = saved_nics;
+    }
     mac_addrs_t macs;
-    enumerate_ip_addrs(addresses);
-    enumerate_mac_addrs(&macs);
+    in46addr_t first_address;
+    SysNics_t nics;
+};
+
+// The primary card stands behind the first MAC and the first address, an IPv4 one.
+void find_primary(Report &report, const Lists &lists, bool by_name)
+{
+    const auto macs = ko::macs(lists.macs);
     for (Card &card : report.cards) {
-        const bool first_mac =
-            macs.mac_addr_count > 0 && card.mac == mac_text(macs.mac_addr_str[0] + 2);
+        const bool first_mac = !macs.empty() && card.mac == mac_text(macs[0] + 2);
         const bool first_address = !card.addresses.empty() &&
-                                   card.addresses[0] == text_of(addresses[0]) &&
+                                   card.addresses[0] == text_of(lists.first_address) &&
                                    card.addresses[0].find(':') == std::string::npos;
         if (first_mac && first_address) {
             card.primary = true;
@@ -256,16 +268,11 @@ void find_primary(Report &report, bool by_name)
 
 void describe_cards(Report &report, bool by_name)
 {
-    mac_addrs_t macs;
-    if (by_name) {
-        enumerate_auth_ids(&macs);
+    const auto lists = std::make_unique<Lists>(by_name); // large
+    for (const NicInfo_t &nic : ko::cards(lists->nics)) {
+        report.cards.push_back(describe_card(nic));
     }
-    static SysNics_t nics;
-    GetAllNicBindings(&nics);
-    for (uint32_t i = 0; i < nics.si_count; i++) {
-        report.cards.push_back(describe_card(nics.si_nic[i]));
-    }
-    find_primary(report, by_name);
+    find_primary(report, *lists, by_name);
 }
 
 // Prints a text in lines that fit a terminal.

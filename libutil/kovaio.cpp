@@ -144,16 +144,20 @@ void copy_in_kernel(int in, int out, off_t count)
     }
 }
 
+// False, with errno set, at a failure; a write that takes nothing is one, so that no device can
+// keep a copy for ever.
 bool write_all(int fd, const char *data, size_t size)
 {
     while (size > 0) {
         const ssize_t written = write(fd, data, size);
-        if (written < 0 && errno != EINTR) {
-            return false;
-        }
         if (written > 0) {
             data += written;
             size -= static_cast<size_t>(written);
+        } else if (written == 0) {
+            errno = EIO;
+            return false;
+        } else if (errno != EINTR) {
+            return false;
         }
     }
     return true;

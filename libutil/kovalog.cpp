@@ -5,7 +5,8 @@
 // formatting and one write. The log lock is held for the write and the count, and for a rotation.
 //
 // A thread is not cancelled while it holds the lock, and fork waits for the lock, so that neither
-// leaves it locked for ever.
+// leaves it locked for ever. What the host's own fork handlers log meanwhile goes out under the
+// lock that their thread holds for the fork.
 #include "koutil/kovalog.h"
 
 #include "internal/guards.h"
@@ -51,6 +52,7 @@ bool rotation_failed = false; // a rename failed: no more attempts until the nex
 // What a thread keeps from line to line.
 struct ThreadStamp {
     bool known;
+    bool forking;  // the thread holds the log lock over its fork
     time_t second; // that `date` shows
     size_t date_length;
     char date[date_size];
@@ -64,16 +66,13 @@ std::atomic<bool> fork_handlers_set{false};
 void before_fork()
 {
     pthread_mutex_lock(&__vorn_debug_lock.mutex);
+    thread_stamp.known = false; // in the child the thread has a new id
+    thread_stamp.forking = true;
 }
 
-void after_fork_in_parent()
+void after_fork()
 {
-    pthread_mutex_unlock(&__vorn_debug_lock.mutex);
-}
-
-void after_fork_in_child()
-{
-    thread_stamp.known = false; // the thread has a new id
+    thread_stamp.forking = false;
     pthread_mutex_unlock(&__vorn_debug_lock.mutex);
 }
 
@@ -96,12 +95,12 @@ void identify_thread(ThreadStamp &stamp, time_t second)
 {
     if (!fork_handlers_set.exchange(true)) {
         // Without memory for the handlers a child shows its parent's thread id; nothing worse.
-        (void)pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
+        (void)pthread_atfork(before_fork, after_fork, after_fork);
     }
     const int length = VoSnprintf(stamp.id, sizeof stamp.id, " %d] ", gettid());
     stamp.id_length = static_cast<size_t>(std::max(length, 0));
     show_second(stamp, second);
-    stamp.known = true;
+    stamp.known = !stamp.forking;
 }
 
 const ThreadStamp &stamp_for(time_t second)
@@ -257,19 +256,26 @@ void rotate_if_full()
     __vorn_log_file_end = 0;
 }
 
-// Writes a line and counts it.
+// With the lock held: writes a line and counts it.
+void put_line(const char *line, size_t length)
+{
+    const ssize_t written = __vorn_log_file_fd >= 0 ? write(__vorn_log_file_fd, line, length)
+                                                    : static_cast<ssize_t>(length);
+    if (written > 0) {
+        __vorn_log_file_end += static_cast<uint64_t>(written);
+    }
+    rotate_if_full();
+}
+
 void deliver(const char *line, size_t length)
 {
     int cancel_state = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
-    {
+    if (__builtin_expect(thread_stamp.forking, 0)) {
+        put_line(line, length);
+    } else {
         const koutil::LockGuard guard(__vorn_debug_lock);
-        const ssize_t written = __vorn_log_file_fd >= 0 ? write(__vorn_log_file_fd, line, length)
-                                                        : static_cast<ssize_t>(length);
-        if (written > 0) {
-            __vorn_log_file_end += static_cast<uint64_t>(written);
-        }
-        rotate_if_full();
+        put_line(line, length);
     }
     pthread_setcancelstate(cancel_state, nullptr);
 }

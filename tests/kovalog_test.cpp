@@ -1,11 +1,12 @@
 // kovalog_test.cpp - log lines, rotation and debug flags, with a clock and a writer of the test's
 // own.
 #include "koutil/kovalog.h"
-#include "support/out_of_memory.h"
+#include "support/failing_malloc.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -45,6 +46,14 @@ std::string printed(int level, const char *format, Args... args)
 {
     return support::capture(1, [&] { log(level, format, args...); });
 }
+
+// A host's fork handlers, which stand before the library's own and log.
+bool host_logs = false;
+void log_fork()
+{
+    host_logs ? log(1, "h") : void();
+}
+const int handlers = pthread_atfork(log_fork, log_fork, log_fork);
 
 // A log file in a folder of its own, closed at the end.
 class LogFile : public ::testing::Test
@@ -110,6 +119,15 @@ TEST(LogLine, FormatsAsThePlatformDoesAndFollowsClockThreadAndProcess)
     EXPECT_TRUE(right());
     std::thread([&] { EXPECT_TRUE(right()); }).join();
     EXPECT_TRUE(support::run_in_child([&] { return right(); }).exited(1));
+    host_logs = true;
+    pid_t child = 0;
+    const std::string text = support::capture(1, [&] {
+        child = fork();
+        child == 0 ? _exit(0) : static_cast<void>(waitpid(child, nullptr, 0));
+    });
+    host_logs = false;
+    EXPECT_EQ(std::count(text.begin(), text.end(), 'h'), 3) << text;
+    EXPECT_NE(text.find(" " + std::to_string(child) + "] h"), std::string::npos) << text;
     now.tv_sec = INT64_MAX; // no year of the calendar
     EXPECT_EQ(printed(2, "x"), "(W)" + stamp("????.999999") + "x");
     now = {1767366245, 678};
@@ -310,13 +328,11 @@ TEST(Facilities, AreSetUpOnceAndAgainAfterTheirEnd)
     EXPECT_EQ(init_facility(1, "named", nine + 9), 22);
     EXPECT_STREQ(facilities[1].name, "named");
     EXPECT_EQ(flags(1), "0x");
-    if (support::memory_can_fail) {
-        support::out_of_memory = true;
-        const int result = init_facility(1, "x", nine);
-        char **const all = GetAllDebugStrings();
-        support::out_of_memory = false;
-        EXPECT_TRUE(result == 12 && all == nullptr);
-    }
+    support::allocations_left = 0;
+    const int result = init_facility(1, "x", nine);
+    char **const all = GetAllDebugStrings();
+    support::allocations_left = -1;
+    EXPECT_TRUE(result == 12 && all == nullptr);
     EXPECT_EQ(init_facility(1, std::string(99, 'n').c_str(), nine), 0);
     EXPECT_EQ(facilities[1].name, std::string(63, 'n'));
     EXPECT_EQ(init_facility(1, "x", nine), 16);

@@ -1,7 +1,7 @@
 // pollutil_test.cpp - poll sets over real descriptors.
 #include "koutil/pollutil.h"
 
-#include "support/out_of_memory.h"
+#include "support/failing_malloc.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -11,22 +11,22 @@
 TEST(PollSet, GrowsBy64AndKeepsTheEntriesWhenItCannot)
 {
     dpoll_t d;
-    support::out_of_memory = true;
-    EXPECT_EQ(DPollInit(&d), support::memory_can_fail ? -1 : 0);
+    support::allocations_left = 0;
+    EXPECT_EQ(DPollInit(&d), -1);
     DPollFree(&d);
-    support::out_of_memory = false;
+    support::allocations_left = -1;
     ASSERT_EQ(DPollInit(&d), 0);
     EXPECT_EQ(DPollFind(0, &d), nullptr); // though the free entries have fd 0
     for (int fd = 0; fd < 129; fd++) {
         EXPECT_EQ(d.maxfds, fd <= 64 ? 64u : 128u) << fd;
-        support::out_of_memory = fd % 64 != 0;
+        support::allocations_left = fd % 64 != 0 ? 0 : -1;
         ASSERT_EQ(DPollSet(fd, static_cast<short>(fd), &d), 0);
     }
     EXPECT_EQ(d.maxfds, 192u);
     d.maxfds = 129;
-    support::out_of_memory = true;
-    EXPECT_EQ(DPollSet(1000, 1, &d), support::memory_can_fail ? -1 : 0);
-    support::out_of_memory = false;
+    support::allocations_left = 0;
+    EXPECT_EQ(DPollSet(1000, 1, &d), -1);
+    support::allocations_left = -1;
     for (int fd = 0; fd < 129; fd++) {
         EXPECT_EQ(DPollFind(fd, &d), d.fds + fd);
         EXPECT_EQ(d.fds[fd].events, fd);
