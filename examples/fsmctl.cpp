@@ -7,7 +7,7 @@
 //
 // "load" reads random blocks over several connections at once, checks each, and prints how fast
 // the answers came. The exit status is 0 when every answer was right, 1 when not, 2 for misuse.
-#include <koutil/koutil.h>
+#include "block_store.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -19,13 +19,11 @@
 #include <string>
 #include <sys/socket.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace
 {
 
-constexpr size_t block_size = 4096;
 constexpr size_t longest_answer = size_t{16} << 20;
 
 struct Server {
@@ -75,30 +73,21 @@ class Client
     explicit Client(const Server &server)
     {
         int error = 0;
-        fd_ = SockConnect(&server.address, server.port, &error);
-        if (fd_ == -1) {
+        socket_.reset(SockConnect(&server.address, server.port, &error));
+        if (!socket_) {
             char name[256];
             fprintf(stderr, "fsmctl: %s port %u: %s\n", RawIp(&server.address, name),
                     static_cast<unsigned>(server.port), strerror(error));
         }
     }
-    ~Client()
-    {
-        if (fd_ != -1) {
-            close(fd_);
-        }
-    }
-    Client(const Client &) = delete;
-    Client &operator=(const Client &) = delete;
-
-    bool connected() const { return fd_ != -1; }
+    bool connected() const { return static_cast<bool>(socket_); }
 
     // The body of the answer, or nothing after an error, which is in `problem()`.
     std::optional<std::string> ask(const std::string &request)
     {
         const std::string line = request + "\n";
         size_t end = 0;
-        if (send(fd_, line.data(), line.size(), MSG_NOSIGNAL) !=
+        if (send(socket_.get(), line.data(), line.size(), MSG_NOSIGNAL) !=
             static_cast<ssize_t>(line.size())) {
             return fail("the connection is gone");
         }
@@ -136,28 +125,27 @@ class Client
     bool receive()
     {
         char bytes[65536];
-        const ssize_t got = recv(fd_, bytes, sizeof bytes, 0);
+        const ssize_t got = recv(socket_.get(), bytes, sizeof bytes, 0);
         if (got > 0) {
             received_.append(bytes, static_cast<size_t>(got));
         }
         return got > 0;
     }
 
-    SOCKET_T fd_;
+    ko::Descriptor socket_;
     std::string received_;
     std::string problem_;
 };
 
-// Whether these are the bytes of block `number`: its number and the hash of its text lead them.
+// Whether these are the bytes of block `number`.
 bool is_block(const std::string &body, uint64_t number)
 {
-    uint64_t head[2];
-    if (body.size() != block_size) {
+    Block block;
+    if (body.size() != sizeof block) {
         return false;
     }
-    memcpy(head, body.data(), sizeof head);
-    return head[0] == number &&
-           head[1] == XXH64(body.data() + sizeof head, body.size() - sizeof head, number);
+    memcpy(&block, body.data(), sizeof block);
+    return block.is(number);
 }
 
 int print_answer(Client &client, const std::string &request)

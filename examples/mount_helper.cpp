@@ -7,10 +7,9 @@
 // of records.
 //
 //     VORNROOT=examples/installation mount_helper examples/installation/config/data1.opts
-#include <koutil/koutil.h>
+#include "host.h"
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -35,120 +34,42 @@ vornlog_legend_t debug_legend[] = {{debug_load, "load", "what each file sets"},
                                    {debug_check, "check", "what each check found"},
                                    {0, nullptr, nullptr}};
 
-bool debugging(DebugFlag flag)
-{
-    return facility_valid(DBG_FAC_KOADMIN) != 0 &&
-           (facilities[DBG_FAC_KOADMIN].debug_flags[flag / 8] >> flag % 8 & 1) != 0;
-}
+host::Host program; // the log and its flags
 
-void report_clock_jump(char *fmt, ...)
-{
-    char text[128] = "";
-    va_list args;
-    va_start(args, fmt);
-    VoVsnprintf(text, sizeof text, fmt, args);
-    va_end(args);
-    Warn_Output("%s\n", text);
-}
-
-void *run_clock(void *param)
-{
-    mono_handler(param);
-}
-
-VoError_t log_event(char *event, char *text, uint32_t, uint32_t)
-{
-    Critical_Output("%s: %s\n", event, text);
-    return 0;
-}
-
-// The library has no constructors: what a program needs of it is started here, in this order,
-// before there are other threads.
-bool start_up(int log_size, std::string debug_flags)
+// Returns whether the debug flags are known ones. What else fails is told, and the checks go on.
+bool start_up(int log_size, const std::string &debug_flags)
 {
     static char name[] = "mount_helper";
-    static mono_handler_param_t clock = {report_clock_jump, nullptr};
-    set_caller_name(name);
-    LibraryInit();
-    kova_thread_init();
-    mono_init();
-    if (THREAD_CREATE(nullptr, &Thread_create_attr, run_clock, &clock) != 0) {
+    program.start(name, DBG_FAC_KOADMIN, debug_legend, "mount_helper.log", log_size, log_files_kept,
+                  debug_flags);
+    if (!program.clock_runs) {
         fprintf(stderr, "mount_helper: the clock thread cannot be started\n");
     }
-    const std::string log = std::string(GetVornLogRoot()) + "/mount_helper.log";
-    if (SetupLogFile(log.c_str(), log_size, log_files_kept) == 0) {
-        fprintf(stderr, "mount_helper: %s cannot be opened; nothing is logged\n", log.c_str());
+    if (!program.log_opened) {
+        fprintf(stderr, "mount_helper: %s cannot be opened; nothing is logged\n",
+                program.log_path.c_str());
     }
-    init_facility(DBG_FAC_KOADMIN, name, debug_legend);
-    const bool flags_known = ParseAllDebugParams(debug_flags.data()) == 0;
-    __vorn_logfn = LogToFile;
-    __vorn_debugfn = LogToFile;
-    kova_log_init_defaults();
-    RasFn = log_event;
     VoSnprintf(PanicNomenclature, sizeof PanicNomenclature, "MOUNT PANIC");
     configure_branding();
-    return flags_known;
+    return program.flags_known;
 }
-
-// The rows of the table of tunables.
-struct Tunables {
-    MntArgsInf_t *begin() const { return g_MntArgsInf; }
-    MntArgsInf_t *end() const
-    {
-        MntArgsInf_t *row = g_MntArgsInf;
-        while (row->mai_MntArgsType != MNTARGS_TYPE_INVAL) {
-            ++row;
-        }
-        return row;
-    }
-};
 
 MntArgsMask_t bit_of(const MntArgsInf_t &row)
 {
     return MntArgsMask_t{1} << row.mai_Index;
 }
 
-// Owns a record.
-class Record
+char *field_of(const ko::MountArgs &record, const MntArgsInf_t &row)
 {
-  public:
-    explicit Record(mntargs_t *args = nullptr)
-        : args_(args)
-    {
-    }
-    ~Record() { VoMntArgsFree(&args_); }
-    Record(const Record &) = delete;
-    Record &operator=(const Record &) = delete;
+    return reinterpret_cast<char *>(record.get()) + row.mai_MntArgsOff;
+}
 
-    mntargs_t *get() const { return args_; }
-    mntargs_t **out() { return &args_; }
-    char *field(const MntArgsInf_t &row) const
-    {
-        return reinterpret_cast<char *>(args_) + row.mai_MntArgsOff;
-    }
-
-  private:
-    mntargs_t *args_;
-};
-
+// The kinds of numbers come in pairs of 1, 2, 4 and 8 bytes.
 size_t width_of(const MntArgsInf_t &row)
 {
-    switch (row.mai_MntArgsType) {
-    case MNTARGS_TYPE_CHAR:
-    case MNTARGS_TYPE_UCHAR:
-        return 1;
-    case MNTARGS_TYPE_INT16:
-    case MNTARGS_TYPE_UINT16:
-        return 2;
-    case MNTARGS_TYPE_INT32:
-    case MNTARGS_TYPE_UINT32:
-        return 4;
-    case MNTARGS_TYPE_INT64:
-    case MNTARGS_TYPE_UINT64:
-        return 8;
-    default:
-        return sizeof(mntargs_t::ma_fsname);
-    }
+    return row.mai_MntArgsType == MNTARGS_TYPE_CHARP
+               ? sizeof(mntargs_t::ma_fsname)
+               : size_t{1} << (row.mai_MntArgsType - MNTARGS_TYPE_CHAR) / 2;
 }
 
 std::string number_text(uint64_t number)
@@ -166,13 +87,14 @@ std::string printable(std::string text)
     return text;
 }
 
-std::string value_text(const Record &record, const MntArgsInf_t &row)
+std::string value_text(const ko::MountArgs &record, const MntArgsInf_t &row)
 {
     if (row.mai_MntArgsType == MNTARGS_TYPE_CHARP) {
-        return printable({record.field(row), strnlen(record.field(row), width_of(row))});
+        const char *text = field_of(record, row);
+        return printable({text, strnlen(text, width_of(row))});
     }
     uint64_t number = 0;
-    memcpy(&number, record.field(row), width_of(row));
+    memcpy(&number, field_of(record, row), width_of(row));
     return number_text(number);
 }
 
@@ -208,7 +130,7 @@ bool parse_settings(const char *text, std::vector<Setting> *settings)
 {
     std::vector<std::string> names;
     std::vector<Option> syntax;
-    for (const MntArgsInf_t &row : Tunables()) {
+    for (const MntArgsInf_t &row : ko::tunables()) {
         for (const char *key : {row.mai_Name, row.mai_RegValName}) {
             if (key != nullptr) {
                 names.push_back(std::string(key) + "=%s");
@@ -248,10 +170,10 @@ bool parse_settings(const char *text, std::vector<Setting> *settings)
     }
 }
 
-void apply(const std::vector<Setting> &settings, const Record &record)
+void apply(const std::vector<Setting> &settings, const ko::MountArgs &record)
 {
     for (const Setting &setting : settings) {
-        char *field = record.field(*setting.row);
+        char *field = field_of(record, *setting.row);
         if (setting.row->mai_MntArgsType == MNTARGS_TYPE_CHARP) {
             VoSnprintf(field, width_of(*setting.row), "%s", setting.text.c_str());
         } else {
@@ -291,7 +213,7 @@ void print_help_of_quoted_key(const std::string &message)
 {
     const size_t start = message.find('\'') + 1;
     const std::string key = message.substr(start, message.find('\'', start) - start);
-    for (const MntArgsInf_t &row : Tunables()) {
+    for (const MntArgsInf_t &row : ko::tunables()) {
         if (strcasecmp(row.mai_Name, key.c_str()) == 0 ||
             (row.mai_RegValName != nullptr && strcasecmp(row.mai_RegValName, key.c_str()) == 0)) {
             print_indented(std::string(row.mai_Title) + "\n" + row.mai_Help +
@@ -303,17 +225,14 @@ void print_help_of_quoted_key(const std::string &message)
 
 // Loads a file and applies the settings. The loader's own codes, for a file that could be read but
 // not understood, are told from the errors of the system.
-Result load(const std::string &path, const std::vector<Setting> &settings, Record *record)
+Result load(const std::string &path, const std::vector<Setting> &settings, ko::MountArgs *record)
 {
     char message[message_size] = "";
     MntArgsMask_t used = 0;
-    const VoError_t status =
-        VoMntArgsLoadFile(path.c_str(), sizeof message, message, &used, record->out());
+    const VoError_t status = record->load(path.c_str(), message, used);
     if (status == 0) {
-        if (debugging(debug_load)) {
-            __vorn_debugfn(0, const_cast<char *>("%s sets the rows 0x%llx\n"), path.c_str(),
-                           static_cast<unsigned long long>(used));
-        }
+        program.debug(debug_load, "%s sets the rows 0x%llx\n", path.c_str(),
+                      static_cast<unsigned long long>(used));
         apply(settings, *record);
         return all_valid;
     }
@@ -332,7 +251,7 @@ Result load(const std::string &path, const std::vector<Setting> &settings, Recor
     return unreadable;
 }
 
-void print_problem(const std::string &path, const Record &record, const MntArgsInf_t &row)
+void print_problem(const std::string &path, const ko::MountArgs &record, const MntArgsInf_t &row)
 {
     char text[message_size] = "";
     MntArgsMask_t mask = bit_of(row);
@@ -350,7 +269,7 @@ void print_problem(const std::string &path, const Record &record, const MntArgsI
 }
 
 // Validates a record; `failed` receives the rows that have problems.
-Result check(const std::string &path, const Record &record, MntArgsMask_t *failed)
+Result check(const std::string &path, const ko::MountArgs &record, MntArgsMask_t *failed)
 {
     char tovan[message_size] = "";
     *failed = ~MntArgsMask_t{0};
@@ -359,15 +278,13 @@ Result check(const std::string &path, const Record &record, MntArgsMask_t *faile
         ++count;
         Error_Output("%s: %s\n", path.c_str(), tovan);
     }
-    if (debugging(debug_check)) {
-        __vorn_debugfn(0, const_cast<char *>("%s: %u problems\n"), path.c_str(), count);
-    }
+    program.debug(debug_check, "%s: %u problems\n", path.c_str(), count);
     if (count == 0) {
         Info_Output("%s: valid\n", path.c_str());
         return all_valid;
     }
     printf("  %u problem%s in %s:\n\n", count, count == 1 ? "" : "s", path.c_str());
-    for (const MntArgsInf_t &row : Tunables()) {
+    for (const MntArgsInf_t &row : ko::tunables()) {
         if ((*failed & bit_of(row)) != 0) {
             print_problem(path, record, row);
         }
@@ -394,17 +311,17 @@ void print_row(const MntArgsInf_t &row, const std::string &value, const char *st
 }
 
 // Prints every tunable, or with `only_changed` those that are not at their defaults.
-void print_table(const Record &record, MntArgsMask_t failed, bool only_changed)
+void print_table(const ko::MountArgs &record, MntArgsMask_t failed, bool only_changed)
 {
-    const Record defaults(VoMntArgsAlloc());
+    const auto defaults = ko::MountArgs::allocate();
     MntArgsMask_t changed = 0;
-    if (defaults.get() == nullptr) {
+    if (!defaults) {
         return;
     }
     VoMntArgsCmp(defaults.get(), record.get(), &changed);
     printf("%-26s %-21s %10s %-7s %s\n", "Title", "Keyword", "Value", "State", "Range");
     printf("-------------------------- --------------------- ---------- ------- ------------\n");
-    for (const MntArgsInf_t &row : Tunables()) {
+    for (const MntArgsInf_t &row : ko::tunables()) {
         const bool is_changed = (changed & bit_of(row)) != 0;
         const bool is_invalid = (failed & bit_of(row)) != 0;
         if (is_changed || is_invalid || !only_changed) {
@@ -419,7 +336,7 @@ void print_table(const Record &record, MntArgsMask_t failed, bool only_changed)
 
 Result report_file(const std::string &path, const std::vector<Setting> &settings, bool only_changed)
 {
-    Record record;
+    ko::MountArgs record;
     const Result loaded = load(path, settings, &record);
     if (loaded != all_valid) {
         return loaded;
@@ -436,13 +353,14 @@ Result report_file(const std::string &path, const std::vector<Setting> &settings
 }
 
 // Prints the tunables in which two records differ. Long values get lines of their own.
-void print_difference(const std::string &first_path, const Record &first,
-                      const std::string &second_path, const Record &second, MntArgsMask_t differing)
+void print_difference(const std::string &first_path, const ko::MountArgs &first,
+                      const std::string &second_path, const ko::MountArgs &second,
+                      MntArgsMask_t differing)
 {
     printf("< %s\n> %s\n\n", first_path.c_str(), second_path.c_str());
     printf("%-26s %-21s %15s %15s\n", "Title", "Keyword", "<", ">");
     printf("-------------------------- --------------------- --------------- ---------------\n");
-    for (const MntArgsInf_t &row : Tunables()) {
+    for (const MntArgsInf_t &row : ko::tunables()) {
         if ((differing & bit_of(row)) == 0) {
             continue;
         }
@@ -462,11 +380,11 @@ void print_difference(const std::string &first_path, const Record &first,
 Result report_difference(const std::string &first_path, const std::string &second_path,
                          const std::vector<Setting> &settings)
 {
-    Record first;
-    Record second;
+    ko::MountArgs first;
+    ko::MountArgs second;
     Result result =
         std::max(load(first_path, settings, &first), load(second_path, settings, &second));
-    if (first.get() == nullptr || second.get() == nullptr) {
+    if (!first || !second) {
         return result;
     }
     MntArgsMask_t differing = 0;
@@ -573,6 +491,5 @@ int main(int argc, char **argv)
     }
     Info_Output("%zu files done with result %d after %.1f seconds\n", files.size(), result,
                 static_cast<double>(GetMonoElapsed(begun)) / 1e6);
-    CloseLog();
     return result;
 }
