@@ -6,7 +6,7 @@
 // reloads that see other processes' changes, and a hook that receives the library's reports.
 //
 //     VORNROOT=examples/installation cluster_config list
-#include <koutil/koutil.h>
+#include <koutil/koutil.hpp>
 
 #include <algorithm>
 #include <cerrno>
@@ -17,6 +17,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -79,32 +80,32 @@ bool exists(const char *name)
 // What a file says, in its order: a name and the text of what it stands for.
 using Facts = std::vector<std::pair<std::string, std::string>>;
 
-// Owns an open list.
+// The list, opened for its life; the status says whether.
 class List
 {
   public:
-    explicit List(KovaFlgs_t flags) { status_ = FsmListOpen(&list_, flags); }
-    ~List() { FsmListClose(&list_, 0); }
-    List(const List &) = delete;
-    List &operator=(const List &) = delete;
+    explicit List(KovaFlgs_t flags)
+        : status_(list_.open(flags))
+    {
+    }
 
     VoError_t status() const { return status_; }
-    FsmListHndl_t *get() const { return list_; }
+    FsmListHndl_t *get() const { return list_.get(); }
 
     // All entries; lines with nothing but a comment have no name.
     std::vector<FsmListEnt_t> entries() const
     {
         std::vector<FsmListEnt_t> all;
         FsmListEnt_t ent;
-        for (int i = 0; FsmListRead(list_, i, &ent) == 0; ++i) {
+        for (int i = 0; FsmListRead(get(), i, &ent) == 0; ++i) {
             all.push_back(ent);
         }
         return all;
     }
 
   private:
-    FsmListHndl_t *list_ = nullptr;
-    VoError_t status_ = 0;
+    ko::FsmList list_;
+    VoError_t status_;
 };
 
 constexpr KovaFlgs_t to_edit = KOVA_OPEN_READ | KOVA_OPEN_RDWR | KOVA_OPEN_CREATE;
@@ -232,21 +233,20 @@ int position_of_place(const List &list, long place)
 VoError_t move_span(const List &list, Span span, long place)
 {
     KovaCfg_t *file = list.get()->KovaCfg;
-    KovaCfg_t *moved = nullptr;
-    VoError_t status = KovaCfgCopy(&moved, file, nullptr, 0);
+    ko::Config moved;
+    VoError_t status = KovaCfgCopy(moved.out(), file, nullptr, 0);
     for (int i = 0; i < span.count && status == 0; ++i) {
         status = KovaCfgRemove(file, span.first);
     }
     const int target = position_of_place(list, place);
     for (int i = 0; i < span.count && status == 0; ++i) {
         CfgEnt_t *ent = nullptr;
-        status = KovaCfgEnum(moved, span.first + i, &ent);
+        status = KovaCfgEnum(moved.get(), span.first + i, &ent);
         if (status == 0) {
             status = KovaCfgInsert(file, target < 0 ? -1 : target + i, ent->KovaCfgName,
                                    ent->KovaCfgVals, ent->KovaCfgComment, nullptr, 0);
         }
     }
-    KovaCfgClose(&moved, 0, nullptr, 0);
     return status;
 }
 
@@ -278,40 +278,25 @@ Result move(const char *name, const char *place)
     return status == 0 ? save(list) : complain(name, status);
 }
 
-// Owns the variables.
-class Variables
+Facts variable_facts(const ko::GlobalVars &vars)
 {
-  public:
-    explicit Variables(int use_environment)
-        : vars_(gvar_open(variables_file, use_environment))
-    {
+    Facts facts;
+    void *position = nullptr;
+    char *name = nullptr;
+    while (const char *value = gvar_next(vars.get(), &position, &name)) {
+        facts.emplace_back(name, value);
     }
-    ~Variables() { gvar_close(vars_); }
-    Variables(const Variables &) = delete;
-    Variables &operator=(const Variables &) = delete;
-    void *get() const { return vars_; }
-
-    Facts facts() const
-    {
-        Facts facts;
-        void *position = nullptr;
-        char *name = nullptr;
-        while (const char *value = gvar_next(vars_, &position, &name)) {
-            facts.emplace_back(name, value);
-        }
-        return facts;
-    }
-
-  private:
-    void *vars_;
-};
+    return facts;
+}
 
 Result show_variables()
 {
     if (!exists(variables_file)) {
         return complain(config_path(variables_file), ENOENT);
     }
-    for (const auto &[name, value] : Variables(0).facts()) {
+    ko::GlobalVars vars;
+    vars.open(variables_file, false);
+    for (const auto &[name, value] : variable_facts(vars)) {
         printf("%-16s %s\n", name.c_str(), value.c_str());
     }
     return fine;
@@ -319,14 +304,14 @@ Result show_variables()
 
 Result show_variable(const char *name)
 {
-    const Variables vars(1);
-    char *value = gvar_get(vars.get(), name);
-    if (value == nullptr) {
+    ko::GlobalVars vars;
+    vars.open(variables_file, true);
+    const ko::GlobalValue value = vars.value(name);
+    if (!value) {
         fprintf(stderr, "cluster_config: %s is not defined\n", name);
         return problems;
     }
-    printf("%s\n", value);
-    gvar_release(vars.get(), value);
+    printf("%s\n", value.get());
     return fine;
 }
 
@@ -351,12 +336,11 @@ Result show_ports()
 }
 
 // Loads a keyword file; prints why it cannot be read.
-KovaCfg_t *load(const char *name, KovaCfgType_t type, int *mistakes)
+ko::Config load(const char *name, KovaCfgType_t type, int *mistakes)
 {
     char message[256] = "";
-    KovaCfg_t *file = nullptr;
-    if (KovaCfgOpen(config_path(name).c_str(), KOVA_OPEN_READ, type, &file, message,
-                    sizeof message) != 0) {
+    ko::Config file;
+    if (file.open(config_path(name).c_str(), KOVA_OPEN_READ, type, message) != 0) {
         printf("  %s: %s\n", name, message);
         ++*mistakes;
     }
@@ -365,60 +349,55 @@ KovaCfg_t *load(const char *name, KovaCfgType_t type, int *mistakes)
 
 void check_list(int *mistakes)
 {
-    KovaCfg_t *file = load("fsmlist", CFGTYPE_WORDS, mistakes);
-    std::set<std::string> seen;
-    CfgEnt_t *ent = nullptr;
-    while (KovaCfgNext(file, &ent) == 0) {
-        const char *name = ent->KovaCfgName != nullptr ? ent->KovaCfgName : "";
-        if (*name == '\0' && ent->KovaCfgVals[0] != nullptr) {
-            printf("  fsmlist: a line begins with a blank: '%s' is no name\n", ent->KovaCfgVals[0]);
+    const ko::Config file = load("fsmlist", CFGTYPE_WORDS, mistakes);
+    std::set<std::string_view> seen;
+    for (const CfgEnt_t &ent : file) {
+        const char *name = ent.KovaCfgName != nullptr ? ent.KovaCfgName : "";
+        if (*name == '\0' && ent.KovaCfgVals[0] != nullptr) {
+            printf("  fsmlist: a line begins with a blank: '%s' is no name\n", ent.KovaCfgVals[0]);
             ++*mistakes;
         }
         if (*name != '\0' && !seen.insert(name).second) {
             printf("  fsmlist: %s is listed twice\n", name);
             ++*mistakes;
         }
-        for (int i = 0; i < KOVACFG_MAX_VALS && ent->KovaCfgVals[i] != nullptr; ++i) {
-            const bool known = strcmp(ent->KovaCfgVals[i], ".") == 0 ||
-                               (ent->KovaCfgIntsValid[i] != 0 && ent->KovaCfgInts[i] >= 0 &&
-                                ent->KovaCfgInts[i] <= FSMLIST_MAX_PRIORITY) ||
-                               ent->KovaCfgInts[i] == -470;
+        for (size_t i = 0; i < ko::values(ent).size(); ++i) {
+            const bool known = ko::view(ent.KovaCfgVals[i]) == "." ||
+                               (ent.KovaCfgIntsValid[i] != 0 && ent.KovaCfgInts[i] >= 0 &&
+                                ent.KovaCfgInts[i] <= FSMLIST_MAX_PRIORITY) ||
+                               ent.KovaCfgInts[i] == -470;
             if (!known) {
-                printf("  fsmlist: %s: '%s' is no priority\n", name, ent->KovaCfgVals[i]);
+                printf("  fsmlist: %s: '%s' is no priority\n", name, ent.KovaCfgVals[i]);
                 ++*mistakes;
             }
         }
     }
-    KovaCfgClose(&file, 0, nullptr, 0);
 }
 
 // Looks for references that the library drops without a word: to variables that no earlier line
 // has, and unfinished ones.
 void check_variables(int *mistakes)
 {
-    KovaCfg_t *file = load(variables_file, CFGTYPE_ASSIGN, mistakes);
-    std::set<std::string> defined;
-    CfgEnt_t *ent = nullptr;
-    while (KovaCfgNext(file, &ent) == 0) {
-        if (ent->KovaCfgName == nullptr) {
+    const ko::Config file = load(variables_file, CFGTYPE_ASSIGN, mistakes);
+    std::set<std::string_view> defined;
+    for (const CfgEnt_t &ent : file) {
+        if (ent.KovaCfgName == nullptr) {
             continue;
         }
-        const std::string value = ent->KovaCfgVals[0] != nullptr ? ent->KovaCfgVals[0] : "";
-        for (size_t at = value.find("${"); at != std::string::npos; at = value.find("${", at)) {
+        const std::string_view value = ko::view(ent.KovaCfgVals[0]);
+        for (size_t at = value.find("${"); at != value.npos; at = value.find("${", at)) {
             const size_t end = value.find('}', at);
-            const std::string name =
-                value.substr(at + 2, end == std::string::npos ? end : end - at - 2);
-            if (end == std::string::npos || defined.count(name) == 0) {
-                printf("  %s: %s refers to %s, which %s\n", variables_file, ent->KovaCfgName,
-                       name.c_str(),
-                       end == std::string::npos ? "has no end" : "no line above defines");
+            const bool ends = end != value.npos;
+            const std::string name(value.substr(at + 2, ends ? end - at - 2 : end));
+            if (!ends || defined.count(name) == 0) {
+                printf("  %s: %s refers to %s, which %s\n", variables_file, ent.KovaCfgName,
+                       name.c_str(), ends ? "no line above defines" : "has no end");
                 ++*mistakes;
             }
-            at = end == std::string::npos ? value.size() : end;
+            at = ends ? end : value.size();
         }
-        defined.insert(ent->KovaCfgName);
+        defined.insert(ent.KovaCfgName);
     }
-    KovaCfgClose(&file, 0, nullptr, 0);
 }
 
 Result check()
@@ -497,9 +476,10 @@ Result watch(const char *seconds)
     signal(SIGINT, interrupt);
     signal(SIGTERM, interrupt);
     std::unique_ptr<List> list;
-    const Variables vars(0);
+    ko::GlobalVars vars;
+    vars.open(variables_file, false);
     Facts lists = current_list(&list);
-    Facts variables = vars.facts();
+    Facts variables = variable_facts(vars);
     Facts ports = port_facts(0);
     printf("watching %s\n", GetVornConfigDir());
     fflush(stdout);
@@ -507,7 +487,7 @@ Result watch(const char *seconds)
         Msleep(1000000 / rounds_per_second);
         gvar_refresh(vars.get());
         Facts new_lists = current_list(&list);
-        Facts new_variables = vars.facts();
+        Facts new_variables = variable_facts(vars);
         Facts new_ports = port_facts(0);
         print_changes("fsmlist", lists, new_lists);
         print_changes(variables_file, variables, new_variables);

@@ -8,7 +8,7 @@
 // Several arguments count as one option string, as if there were commas between them. The job
 // reports into its progress file; the watcher reads that file, and notices a job that falls silent
 // or ends without a word. Exit status: 0 done, 1 failed or interrupted, 2 wrong settings.
-#include "koutil/koutil.h"
+#include "koutil/koutil.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -156,15 +156,10 @@ std::string size_text(uint64_t size)
     return text;
 }
 
-struct HashFree {
-    void operator()(XXH64_state_t *state) const { XXH64_freeState(state); }
-};
-using Hash = std::unique_ptr<XXH64_state_t, HashFree>;
-
-Hash new_hash()
+ko::Hash64 new_hash()
 {
-    Hash hash(XXH64_createState());
-    if (hash == nullptr || XXH64_reset(hash.get(), 0) != XXH_OK) {
+    ko::Hash64 hash(XXH64_createState());
+    if (!hash || XXH64_reset(hash.get(), 0) != XXH_OK) {
         fputs("option_shell: out of memory\n", stderr);
         exit(1);
     }
@@ -294,7 +289,7 @@ class Job
         if (in == nullptr) {
             return skip(*file);
         }
-        const Hash hash = new_hash();
+        const ko::Hash64 hash = new_hash();
         file->size = 0;
         while (const size_t got = fread(buffer_.data(), 1, buffer_.size(), in.get())) {
             XXH64_update(hash.get(), buffer_.data(), got);
@@ -346,7 +341,7 @@ class Job
 
     void print_result()
     {
-        const Hash hash = new_hash();
+        const ko::Hash64 hash = new_hash();
         for (const File &file : files_) {
             XXH64_update(hash.get(), &file.digest, sizeof file.digest);
         }

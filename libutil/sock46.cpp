@@ -111,6 +111,16 @@ uint64_t half(const in46addr_t &address, int index)
     return be64toh(value);
 }
 
+int ask_name(int (*ask)(int, sockaddr *, socklen_t *), SOCKET_T fd, in46addr_t *a, uint16_t *port)
+{
+    PeerAddress name;
+    if (ask(fd, name.get(), &name.length) != 0) {
+        return -1;
+    }
+    store_name(name, a, port);
+    return 0;
+}
+
 } // namespace
 
 SOCKET_T SockConnect(const in46addr_t *a, uint16_t port, int *error)
@@ -165,22 +175,12 @@ SOCKET_T Accept(SOCKET_T ls, in46addr_t *a, uint16_t *port)
 
 int GetPeerName(SOCKET_T ls, in46addr_t *a, uint16_t *port)
 {
-    PeerAddress peer;
-    if (getpeername(ls, peer.get(), &peer.length) != 0) {
-        return -1;
-    }
-    store_name(peer, a, port);
-    return 0;
+    return ask_name(getpeername, ls, a, port);
 }
 
 int GetSockName(SOCKET_T ls, in46addr_t *a, uint16_t *port)
 {
-    PeerAddress own;
-    if (getsockname(ls, own.get(), &own.length) != 0) {
-        return -1;
-    }
-    store_name(own, a, port);
-    return 0;
+    return ask_name(getsockname, ls, a, port);
 }
 
 int BindSame(SOCKET_T *s4, SOCKET_T *s6, int minport, int maxport)
