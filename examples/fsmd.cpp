@@ -253,6 +253,7 @@ class Daemon
             MsgQ_Put(&block);
         }
         queue_ = ko::WorkQueue::create(settings_.workers, NumBufs, false, nullptr, 1, on_idle);
+        the_queue = queue_.get();
         if (!open_listeners() || !publish_port()) {
             Error_Output("no port to listen on: %s\n", strerror(errno));
             return false;
@@ -505,7 +506,7 @@ class Daemon
         block->priority = connection.request.rfind("GET", 0) == 0 ? 0 : 5;
         block->buffer = reinterpret_cast<char *>(&connection);
         block->buffer_size = sizeof connection;
-        if (block.queue(queue_.get(), serve) != 0) {
+        if (block.queue(the_queue, serve) != 0) {
             connection.busy = false;
             drop(connection.fd(), "stopping");
         }
@@ -701,7 +702,8 @@ class Daemon
                line("resident_mib", resident) + "\n";
     }
 
-    static inline Daemon *the_daemon; // for the idle routine, which is given nothing else
+    static inline Daemon *the_daemon;    // for the idle routine, which is given nothing else
+    static inline msgqueue_t *the_queue; // queues are not destroyed; a leak checker sees it here
 
     const Settings settings_;
     const std::string files_; // below the data folder, named by the file system

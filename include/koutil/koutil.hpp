@@ -658,8 +658,8 @@ class ValueTable : public Owned<void, ko_hash_destroy>
 };
 
 // A work queue. The library has no destroy: the release shuts the queue down, which runs what was
-// accepted and waits for the workers, and the memory stays. A queue whose blocks or workers outlive
-// the owner's scope is kept by release().
+// accepted and waits for the workers, and the memory stays: a host that looks for leaks keeps a
+// pointer to it. A queue whose blocks or workers outlive the owner's scope is kept by release().
 class WorkQueue : public Owned<msgqueue_t, shutdown_queue>
 {
   public:
