@@ -29,13 +29,6 @@ def read(path):
         return None
 
 
-def write_tree(directory, tree):
-    for name, data in tree.items():
-        os.makedirs(os.path.dirname(f"{directory}/{name}"), exist_ok=True)
-        with open(f"{directory}/{name}", "wb") as file:
-            file.write(data)
-
-
 class Step:
     """A step to interrupt. `targets` tells for a name below the directory its old and new bytes."""
     begin = '"/begin"'
@@ -145,17 +138,6 @@ class Receive(Step):
         found = {os.path.relpath(f"{where}/{name}", self.dir) for where, _, names in
                  os.walk(self.dir) for name in names}
         return f"stale: {found - set(self.targets)}" if found != set(self.targets) else None
-
-    @classmethod
-    def record_stream(cls):
-        """What a sender of TREE sends, taken by a receiver that never replies."""
-        write_tree(WORK + "/tree", TREE)
-        with socket.create_server(("127.0.0.1", 0)) as server:
-            with subprocess.Popen([EXAMPLES + "/replicate", "send", "-t", "1", WORK + "/tree",
-                                   f"127.0.0.1:{server.getsockname()[1]}"],
-                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL):
-                with server.accept()[0] as sock:
-                    cls.stream = read_to_end(sock)
 
 
 def trace(step, *options):
@@ -318,7 +300,8 @@ def cut_power(make):
 
 mode, EXAMPLES, STEPS, WORK = sys.argv[1:5]
 check = Check()
-Receive.record_stream()
+write_tree(WORK + "/tree", TREE)
+Receive.stream = record_stream(EXAMPLES, WORK + "/tree")
 if mode == "kill":
     killed = {make.__name__: kill_all(make, int(sys.argv[5]))
               for make in (Save, AddName, Log, Receive)}

@@ -167,6 +167,23 @@ class Client:
         return body if len(body) == int(head[3:]) else None
 
 
+def write_tree(directory, tree):
+    for name, data in tree.items():
+        os.makedirs(os.path.dirname(f"{directory}/{name}"), exist_ok=True)
+        with open(f"{directory}/{name}", "wb") as file:
+            file.write(data)
+
+
+def record_stream(programs, tree):
+    """What a sender of a tree sends, taken by a receiver that never replies."""
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        with subprocess.Popen([programs + "/replicate", "send", "-t", "1", tree,
+                               f"127.0.0.1:{server.getsockname()[1]}"],
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL):
+            with server.accept()[0] as sock:
+                return read_to_end(sock)
+
+
 def allow_descriptors():
     _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
