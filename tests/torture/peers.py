@@ -116,10 +116,10 @@ def torture_daemon():
     idle = holdings(daemon.pid)[0]
     held = []
     for _ in range(4 if FULL else 2):
+        together(*((call, daemon, address, *rest) for address in LOCALS for call, *rest in (
+            (slow, "silent", b""), (slow, "a byte now and then", b"E"), (deaf, 0), (deaf, 1),
+            (cuts,))))
         for address in LOCALS:
-            together((slow, daemon, address, "silent", b""),
-                     (slow, daemon, address, "a byte now and then", b"E"),
-                     (deaf, daemon, address, 0), (deaf, daemon, address, 1), (cuts, daemon, address))
             crowd(daemon, address)
         check(wait_for(lambda: holdings(daemon.pid)[0] == idle, 3) is not None, "descriptors left:",
               os.listdir(f"/proc/{daemon.pid}/fd"))
@@ -235,9 +235,9 @@ def torture_sender():
         with socket.create_server((address, 0), family=LOCALS[address]) as server:
             if behave == deaf_one:
                 server.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-            where = f"[{address}]" if ":" in address else address
-            with subprocess.Popen([EXAMPLES + "/replicate", "send", "-t", str(PATIENCE),
-                                   WORK + ("/big" if behave == deaf_one else "/tree"), f"{where}:{server.getsockname()[1]}"],
+            tree = WORK + ("/big" if behave == deaf_one else "/tree")
+            where = f"{f'[{address}]' if ':' in address else address}:{server.getsockname()[1]}"
+            with subprocess.Popen([EXAMPLES + "/replicate", "send", "-t", str(PATIENCE), tree, where],
                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL) as sender:
                 with server.accept()[0] as sock:
                     start = time.monotonic()

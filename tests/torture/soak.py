@@ -149,7 +149,8 @@ for name in early:
     check(all(b <= a + slack for a, b, slack in zip(early[name], late[name], SLACK)),
           name, "has grown from", early[name], "to", late[name])
 lines = daemon.log_lines()
-whole = re.compile(r"(?:[( ][DIWEFC][) ]\[\d{8} \d\d:\d\d:\d\d\.\d{6} \d+\] .+|Rotating Log File)\n")
+stamp = r"[( ][DIWEFC][) ]\[\d{8} \d\d:\d\d:\d\d\.\d{6} \d+\] "
+whole = re.compile(rf"(?:{stamp}.+|Rotating Log File)\n")
 broken = [line for line in lines if not whole.fullmatch(line)]
 check(not broken, "lines that are not whole:", broken[:3])
 rotations = lines.count("Rotating Log File\n")
