@@ -21,7 +21,9 @@ KO_BEGIN_DECLS
  * Returns `buf`. */
 KO_API char *_FormatSysError(int code, char *buf, size_t buflen);
 
-/* Write the text of the current errno, as _FormatSysError does. */
+/* Write the text of the current errno, as _FormatSysError does with -1.
+ *
+ * Returns `buf`. */
 KO_API char *FormatSysError(char *buf, size_t buflen);
 
 KO_END_DECLS

@@ -90,7 +90,9 @@ KO_API VoError_t FsmListModify(FsmListHndl_t *FsmListHndl, int Index,
  * Returns 0; 2 past the end; or 11. */
 KO_API VoError_t FsmListDelete(FsmListHndl_t *FsmListHndl, int Index);
 
-/* Whether the list differs from what was loaded or last saved: 1 or 0. */
+/* Tell whether the list differs from what was loaded or last saved.
+ *
+ * Returns 1 if it does, else 0. */
 KO_API int FsmListIsModified(FsmListHndl_t *FsmListHndl);
 
 /* Write the list back, as KovaCfgSave does; unsaved edits are counted from here.
@@ -111,7 +113,9 @@ KO_API VoError_t FsmListRefresh(FsmListHndl_t *FsmListHndl);
  * save is not reported: whoever must know opens the list. */
 KO_API VoError_t FsmListAddName(const char *FsName);
 
-/* The modification time of a file in seconds, low 32 bits; 0 when it cannot be read. */
+/* Read the modification time of a file.
+ *
+ * Returns the low 32 bits of the seconds, or 0 when it cannot be read. */
 KO_API uint32_t _FsmListGetFileModTime(const char *FilePath);
 
 KO_END_DECLS

@@ -102,41 +102,53 @@ KO_API VoError_t KovaClose(KovaHndl_t **KovaHndlIn);
 
 /* Read up to *BuffSz bytes; *BuffSz becomes the count read, 0 at the end of the file.
  *
- * On failure *BuffSz is 0. */
+ * Returns 0, or the errno of the read, *BuffSz then being 0. */
 KO_API VoError_t KovaRead(KovaHndl_t *KovaHndl, char *Buff, KovaSz_t *BuffSz);
 
 /* Write up to *BuffSz bytes; *BuffSz becomes the count written, which may be short.
  *
- * On failure *BuffSz is 0. */
+ * Returns 0, or the errno of the write, *BuffSz then being 0. */
 KO_API VoError_t KovaWrite(KovaHndl_t *KovaHndl, const char *Buff, KovaSz_t *BuffSz);
 
-/* Set the position to `SeekPnt` bytes from the start. */
+/* Set the position to `SeekPnt` bytes from the start.
+ *
+ * Returns 0, or the errno of the seek. */
 KO_API VoError_t KovaSeek(KovaHndl_t *KovaHndl, KovaSz_t SeekPnt);
 
-/* Set the file's length; the position stays. */
+/* Set the file's length; the position stays.
+ *
+ * Returns 0, or the errno of the call. */
 KO_API VoError_t KovaFTruncate(KovaHndl_t *KovaHndl, KovaSz_t KovaSz);
 
 /* Map `KovaSz` bytes from offset `KovaSzStart`, a multiple of the page size, shared, readable and
  * writable. The mapping outlives the handle.
  *
- * On failure *BuffOut is null. */
+ * Returns 0, or the errno of the call, *BuffOut then being null. */
 KO_API VoError_t KovaMmap(KovaHndl_t *KovaHndl, KovaSz_t KovaSzStart, KovaSz_t KovaSz,
                           void **BuffOut);
 
 /* Take a mapping of `BuffSz` bytes down. *BuffIn becomes null whatever the outcome. The handle is
- * not looked at and may be null. */
+ * not looked at and may be null.
+ *
+ * Returns 0, or the errno of the call. */
 KO_API VoError_t KovaMunmap(KovaHndl_t *KovaHndl, KovaSz_t BuffSz, void **BuffIn);
 
-/* The status of what a path names, symbolic links followed. On failure the record is zero. */
+/* Report what a path names, symbolic links followed.
+ *
+ * Returns 0, or the errno of the call, the record then being zero. */
 KO_API VoError_t KovaStat(const char *KovaPath, KovaStat_t *Stat);
 
-/* The status of the path itself, symbolic links not followed. On failure the record is zero. */
+/* Report the path itself, symbolic links not followed.
+ *
+ * Returns 0, or the errno of the call, the record then being zero. */
 KO_API VoError_t KovaLStat(const char *KovaPath, KovaStat_t *Stat);
 
-/* KovaStat with `FollowLinks` other than 0, KovaLStat with 0. */
+/* Report as KovaStat does with `FollowLinks` other than 0, as KovaLStat does with 0. */
 KO_API VoError_t KovaStatInternal(const char *KovaPath, int FollowLinks, KovaStat_t *Stat);
 
-/* The sizes of the file system that `Path` lies on. On failure the record is zero. */
+/* Report the sizes of the file system that `Path` lies on.
+ *
+ * Returns 0, or the errno of the call, the record then being zero. */
 KO_API VoError_t KovaStatFS(const char *Path, KovaStatFS_t *Stat);
 
 /* Make one directory, mode 0755 less the umask.
@@ -158,13 +170,19 @@ KO_API VoError_t KovaMkPath(const char *KovaPath);
  * error, what was removed until then being gone. */
 KO_API VoError_t KovaRmPath(const char *KovaPath);
 
-/* Remove a file. */
+/* Remove a file.
+ *
+ * Returns 0, or the errno of the call. */
 KO_API VoError_t KovaDelete(const char *KovaPath);
 
-/* Remove an empty directory. */
+/* Remove an empty directory.
+ *
+ * Returns 0, or the errno of the call. */
 KO_API VoError_t KovaDeleteDir(const char *KovaPath);
 
-/* Rename a file or directory, replacing a file of the new name. */
+/* Rename a file or directory, replacing a file of the new name.
+ *
+ * Returns 0, or the errno of the call, both names then being as they were. */
 KO_API VoError_t KovaRename(const char *KovaPathOld, const char *KovaPathNew);
 
 /* Copy a file's bytes; `DstPath` is made, mode 0666 less the umask, or emptied first. The kernel
@@ -195,7 +213,9 @@ KO_API VoError_t KovaDirEnumNext(KovaDirEnum_t *KovaDirEnum, int ObjNameSz, char
 /* Close and free a listing and set the caller's pointer to null. A null listing is allowed. */
 KO_API void KovaDirEnumEnd(KovaDirEnum_t **KovaDirEnumIn);
 
-/* open(2) with close-on-exec set. Returns the descriptor, or -1 with errno set. */
+/* Open a file as open(2) does, with close-on-exec set. `mode` counts where `flags` make a file.
+ *
+ * Returns the descriptor, or -1 with errno set. */
 KO_API int voopen(const char *pathname, int flags, mode_t mode);
 
 KO_END_DECLS

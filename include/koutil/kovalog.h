@@ -164,7 +164,9 @@ KO_API int DebugFlagsHexString(char **hexstring, int facility);
  * memory runs out. */
 KO_API char **_GetDebugStrings(const vornlog_legend_t *legend);
 
-/* List the legends of all facilities, in order of their numbers, as _GetDebugStrings does. */
+/* List the legends of all facilities, in order of their numbers, as _GetDebugStrings does.
+ *
+ * Returns the array, to be released with free(3), or null when memory runs out. */
 KO_API char **GetAllDebugStrings(void);
 
 KO_END_DECLS

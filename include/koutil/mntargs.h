@@ -259,8 +259,8 @@ KO_API mntargs_t *VoMntArgsClone(mntargs_t *MntargsSrc);
  * computed (VoMntArgsMntOptsAutoSet).
  *
  * Returns 0 with the new record in `*MntargsNew` and the rows that the file set in `*MntArgsUsed`.
- * On failure returns the status with null and 0 there, and a one-line message in `ErrBuff`, which
- * is optional. */
+ * On failure returns the status with null and 0 there, and a line in `ErrBuff`, which is optional;
+ * it ends in a newline, where the keyword file's own message does not. */
 KO_API VoError_t VoMntArgsLoadFile(const char *CliFiPath, int ErrBuffSz, char *ErrBuff,
                                    MntArgsMask_t *MntArgsUsed, mntargs_t **MntargsNew);
 
@@ -296,13 +296,19 @@ KO_API void VoMntArgsEnumEnd(VoMntArgsEnum_t **VoMntArgsEnum);
  * Returns 0 with the record, or the status that ended the walk (38) with null. */
 KO_API VoError_t VoMntArgsLoad(const char *VoFsName, mntargs_t **MntargsNew);
 
-/* Save a record in the store. Returns 38; nothing changes. */
+/* Save a record in the store, which does not exist on this platform.
+ *
+ * Returns 38; nothing changes. */
 KO_API VoError_t VoMntArgsSave(mntargs_t *MntargsNew, MntArgsMask_t *MntArgsMask);
 
-/* Delete a record from the store. Returns 38; nothing changes. */
+/* Delete a record from the store, which does not exist on this platform.
+ *
+ * Returns 38; nothing changes. */
 KO_API VoError_t VoMntArgsDelete(mntargs_t *Mntargs);
 
-/* Make the path that a mount needs. Returns 95; nothing changes. */
+/* Make the path that a mount needs; not supported on this platform.
+ *
+ * Returns 95; nothing changes. */
 KO_API VoError_t VoMntArgsMkMntPath(mntargs_t *Mntargs, char *MsgBuff, size_t MsgBuffSz);
 
 KO_END_DECLS

@@ -49,7 +49,9 @@ KO_API void mono_init(void);
 /* Keep the clock: the body of the clock thread. `arg` is a mono_handler_param_t. Never returns. */
 KO_API void mono_handler(void *arg) KO_NORETURN;
 
-/* Take a stamp: one load, no system call. */
+/* Take a stamp: one load, no system call.
+ *
+ * Returns the stamp, which is valid. */
 KO_API monotime_t GetMonoStamp(void);
 
 /* The stamp that stands for no time: not valid, ticks 0. */

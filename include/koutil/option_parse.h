@@ -99,7 +99,9 @@ KO_API uint32_t parse_option(char **options, Option *syntax, uint64_t *int_value
  * begins the text is taken, whatever follows it: "none" is "no" and leaves "ne". */
 KO_API int parse_boolean(char **options, uint64_t *int_value);
 
-/* Read a decimal number as strtoull(3) does, whatever follows it. */
+/* Read a decimal number as strtoull(3) does, whatever follows it.
+ *
+ * Returns 1, or 0 when there is none. */
 KO_API int parse_decimal(char **options, uint64_t *out);
 
 /* Read a number as strtoull(3) does in base 0, so "0x" begins hexadecimal and "0" octal digits,

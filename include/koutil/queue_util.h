@@ -130,7 +130,9 @@ KO_API msgqueue_t *queue_create_with_idle(int num_worker_threads, int max_queue_
                                           int do_not_block_when_full, queue_hook_t queue_cleanup,
                                           int idle_time, queue_hook_t queue_idle);
 
-/* Create a queue without an idle routine. */
+/* Create a queue as queue_create_with_idle does, without an idle routine.
+ *
+ * Returns the queue; panics when memory, a lock or a thread cannot be had. */
 KO_API msgqueue_t *queue_create(int num_worker_threads, int max_queue_size,
                                 int do_not_block_when_full, queue_hook_t queue_cleanup);
 
@@ -145,7 +147,7 @@ KO_API msgqueue_t *queue_create(int num_worker_threads, int max_queue_size,
 KO_API int queue_add_work(msgqueue_t *pqueue, queue_routine_t routine, void *arg);
 
 /* Queue `routine(arg)` by the block's `priority`: before the first queued item whose block has a
- * lower one. Otherwise as queue_add_work. */
+ * lower one. Otherwise as queue_add_work, the results included. */
 KO_API int queue_add_work_pri(msgqueue_t *pqueue, queue_routine_t routine, void *arg);
 
 /* Wake every waiting worker. Takes no lock: it may be called with queue_lock held or not. */
@@ -163,8 +165,9 @@ KO_API void shutdown_queue(msgqueue_t *pqueue);
 /* Initialise the lock and the condition variables of the message queue; panics on failure. */
 KO_API void MsgQ_Init(void);
 
-/* Take a free block, waiting while there is none. Its `next` is null and its `priority` 0. Panics
- * when the count of blocks is corrupted. */
+/* Take a free block, waiting while there is none. Panics when the count of blocks is corrupted.
+ *
+ * Returns the block, with a null `next` and the `priority` 0. */
 KO_API commblk_t *MsgQ_Get(void);
 
 /* Give a block back. Panics when the block is in the message queue already. */

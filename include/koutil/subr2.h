@@ -91,7 +91,9 @@ KO_API void enumerate_auth_ids(mac_addrs_t *macs);
  * Returns 0, or -1 when no interface has it, `ifname` then being untouched. */
 KO_API int get_ifname_by_macaddr(const char *macaddr, char *ifname);
 
-/* Copy the host's network cards. Returns 0. */
+/* Copy the host's network cards.
+ *
+ * Returns 0. */
 KO_API int GetAllNicBindings(SysNics_t *f_nics);
 
 /* Returns how many addresses the host has, from 0 to 48. */
