@@ -1,7 +1,6 @@
 // consumer.cpp - a C++ program outside the tree: formats, hashes and reports.
 #include <cstdio>
-#include <cstring>
-#include <koutil/koutil.h>
+#include <koutil/koutil.hpp>
 
 namespace
 {
@@ -19,12 +18,11 @@ int main()
 {
     WriteLog = hear;
     Error_Output("%s", "literal");
-    XXH64_state_t *state = XXH64_createState();
-    XXH64_reset(state, 0);
-    XXH64_update(state, "a", 1);
-    const bool right = XXH64_digest(state) == 0xD24EC4F1A98C6E5BULL;
-    XXH64_freeState(state);
-    if (!right || strcmp(said, "3 literal") != 0) {
+    const ko::Hash64 state(XXH64_createState());
+    XXH64_reset(state.get(), 0);
+    XXH64_update(state.get(), "a", 1);
+    const bool right = XXH64_digest(state.get()) == 0xD24EC4F1A98C6E5BULL;
+    if (!right || ko::view(said) != "3 literal") {
         return 1;
     }
     puts("koutil works");
