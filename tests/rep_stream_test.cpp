@@ -1,4 +1,5 @@
 // rep_stream_test.cpp - output and input streams over real sockets, pipes and files.
+#include "internal/rep_convert.h"
 #include "koutil/kovalog.h"
 #include "koutil/logger.h"
 #include "koutil/rep_stream.h"
@@ -37,8 +38,7 @@ void record_log(int level, char *format, ...)
 
 // What send(2) does: it takes at most `cap` bytes a call, and fails once `left` bytes have gone.
 struct SendRules {
-    size_t cap = SIZE_MAX;
-    size_t left = SIZE_MAX;
+    size_t cap = SIZE_MAX, left = SIZE_MAX;
     bool deliver = true;
     std::vector<size_t> calls;
 } rules;
@@ -49,14 +49,12 @@ extern "C" ssize_t send(int fd, const void *data, size_t length, int flags)
 {
     EXPECT_EQ(flags, MSG_NOSIGNAL);
     rules.calls.push_back(length);
-    if (rules.left == 0) {
-        errno = EPIPE;
-        return -1;
-    }
     const size_t taken = std::min({length, rules.cap, rules.left});
     rules.left -= taken;
-    return rules.deliver ? syscall(SYS_sendto, fd, data, taken, flags, nullptr, 0)
-                         : static_cast<ssize_t>(taken);
+    errno = EPIPE;
+    return taken == 0      ? -1
+           : rules.deliver ? syscall(SYS_sendto, fd, data, taken, flags, nullptr, 0)
+                           : static_cast<ssize_t>(taken);
 }
 
 namespace
@@ -80,21 +78,19 @@ std::string random_bytes(size_t length)
     return bytes;
 }
 
-const uint8_t *bytes_of(const std::string &text)
+uint8_t *bytes_of(const std::string &text)
 {
-    return reinterpret_cast<const uint8_t *>(text.data());
+    return reinterpret_cast<uint8_t *>(const_cast<char *>(text.data()));
 }
 
 class RepStream : public ::testing::Test
 {
   protected:
-    void SetUp() override
+    RepStream()
     {
-        descriptors = support::open_descriptors();
         logged.clear();
         __vorn_logfn = record_log;
         rules = {};
-        out = create_rep_out_stream();
     }
     void TearDown() override
     {
@@ -116,6 +112,7 @@ class RepStream : public ::testing::Test
         in = create_rep_in_stream(fd);
         ASSERT_NE(in, nullptr);
     }
+    void open_input() { open_input(open(path.c_str(), O_RDONLY)); }
     // Opens an input on one end of a socket pair and returns the other.
     int other_end()
     {
@@ -137,31 +134,46 @@ class RepStream : public ::testing::Test
         }
     }
     void hang_up() const { ::close(feeder); }
-    // Lets the output write to a file, and returns what has been flushed to it so far.
+    // Lets the output write to a new file; `recorded` is what has been flushed to it so far.
     void start_recording()
     {
-        assign_rep_backing_file(out, open((dir / "stream").c_str(), O_RDWR | O_CREAT, 0600));
+        assign_rep_backing_file(out, open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600));
     }
-    std::string recorded() { return support::read_file(dir / "stream"); }
+    std::string recorded() { return support::read_file(path); }
+
+    // The state after a call on the output: its status, what is buffered and what has been flushed
+    // since the last call that was checked, and the messages.
+    void after(int status, int expected, uint32_t buffered, uint64_t flushed = 0,
+               const std::string &messages = "")
+    {
+        EXPECT_EQ(status, expected);
+        EXPECT_EQ(out->rep_buffer.rep_used, buffered);
+        EXPECT_EQ(out->rep_stream_offset - std::exchange(offset, out->rep_stream_offset), flushed);
+        EXPECT_EQ(std::exchange(logged, ""), messages);
+    }
+    int append(const std::string &data) { return send_to_stream(out, data.data(), size(data)); }
+    int flush() { return flush_rep_stream(out); }
+    static uint32_t size(const std::string &data) { return static_cast<uint32_t>(data.size()); }
 
     std::string taken_data(uint32_t length)
     {
         std::string bytes(length, '\0');
-        return extract_rep_data(in, reinterpret_cast<uint8_t *>(bytes.data()), length) == 0 ? bytes
-                                                                                            : "";
+        return extract_rep_data(in, bytes_of(bytes), length) == 0 ? bytes : "";
     }
 
     support::TempDir dir;
-    rep_stream_t *out = nullptr;
+    const std::string path = dir / "stream";
+    const int descriptors = support::open_descriptors();
+    rep_stream_t *out = create_rep_out_stream();
     rep_in_stream_t *in = nullptr;
-    int feeder = -1, descriptors = 0;
+    uint64_t offset = 0;
+    int feeder = -1;
 };
 
 // Every field with bytes of its own.
 const inode_id_t parent = {0x5152535455565758, 0x61626364, 0};
 const tmspec_t ctime_sent = {0xC1C2C3C4, 0xC5C6C7C8}, mtime_sent = {0xD1D2D3D4, 0xD5D6D7D8},
                etime = {0xE1E2E3E4, 0xE5E6E7E8};
-const char tag[] = "0123456789abcdef";
 const ExtendedStat_t attributes = {
     0x4142434445464748, 0x31323334,         0x21222324, 0x25262728, 0x1000F1A4,
     0x7172737475767778, 0x8182838485868788, ctime_sent, mtime_sent, 0x9A};
@@ -184,25 +196,33 @@ const std::string owner = "21222324 25262728",
                   ip_ids = "7F807FFFFFFFFFFF 5152535455565758 31323334 61626364",
                   key_and_times = "8182838485868788 C1C2C3C4C5C6C7C8 D1D2D3D4D5D6D7D8",
                   zero = "0000000000000000",
-                  packed_end = zero + zero + zero + "E1E2E3E4E5E6E7E8 000000000000000A";
+                  packed_end = zero + zero + zero + "E1E2E3E4E5E6E7E8 000000000000000A",
+                  tag = "30313233343536373839616263646566";
 
-// One record of each kind: how it is sent, its bytes, how it is taken.
-struct Record {
-    const char *name;
-    std::function<int(rep_stream_t *)> send;
-    std::string hex;
-    std::function<bool(rep_in_stream_t *)> take;
-};
-
-char name_taken[256];
-uint8_t payload_taken[8192];
+std::string payload(65536, '\0');
+char name[256];
 uint32_t length_taken;
-
 rep_header_t header;
 rep_file_t got;
 file_info_t info;
 rep_ns_file_t ns;
 rep_blob_t blob;
+
+void swap_info(file_info_t *record)
+{
+    swap_rep_file(reinterpret_cast<rep_file_t *>(record));
+    record->rep_ino_seqno = __builtin_bswap64(record->rep_ino_seqno);
+    record->rep_ino_epoch = __builtin_bswap64(record->rep_ino_epoch);
+}
+
+// Whether a record and the name behind it, if any, were taken from these bytes.
+template <typename Fixed>
+bool holds(const std::string &wire, size_t fixed, Fixed record, void (*swap)(Fixed *), int length)
+{
+    swap(&record);
+    return memcmp(&record, wire.data(), fixed) == 0 &&
+           (length == 0 || name == wire.substr(fixed, static_cast<size_t>(length)));
+}
 
 bool took_mapping(rep_in_stream_t *in, uint64_t key_sent, const std::string &sent)
 {
@@ -216,87 +236,101 @@ bool took_mapping(rep_in_stream_t *in, uint64_t key_sent, const std::string &sen
     return good;
 }
 
-#define SENT(call)  [](rep_stream_t *s) -> int { return call; }
-#define TAKEN(test) [](rep_in_stream_t *s) -> bool { return test; }
+// One record of each kind: how it is sent, its bytes, how it is taken.
+struct Record {
+    const char *what;
+    std::function<int(rep_stream_t *)> send;
+    std::string wire;
+    std::function<bool(rep_in_stream_t *, const std::string &)> take;
+};
+
+#define SENT(call) [](rep_stream_t *s) -> int { return call; }
+#define TAKEN(test)                                                                                \
+    []([[maybe_unused]] rep_in_stream_t *s, [[maybe_unused]] const std::string &wire) -> bool {    \
+        return test;                                                                               \
+    }
+#define TAKEN_NAMED(function, length, fixed, record, swap)                                         \
+    TAKEN(function(s, &record, name, length + 1) == length &&                                      \
+          holds(wire, fixed, record, swap, length))
+#define TAKEN_FILE(length) TAKEN_NAMED(extract_rep_file, length, 96, got, swap_rep_file)
 
 const Record records[] = {
     {"stream header",
      SENT(send_rep_header(s, nullptr, 0x0102030405060708, 0x12345, 0x1112131415161718,
                           0x2122232425262728)),
-     "FACEBABE 2345 0005 0102030405060708 1112131415161718 2122232425262728",
+     from_hex("FACEBABE 2345 0005 0102030405060708 1112131415161718 2122232425262728"),
      TAKEN(peek_rep_stream(s) == 1 && extract_rep_header(s, &header) == 0 &&
-           header.rep_flags == 0x2345 && header.rep_fsid == 0x0102030405060708 &&
-           s->stream_id == 0x2122232425262728)},
+           holds(wire, 32, header, swap_rep_header, 0) && s->stream_id == header.rep_stream_id)},
     {"command", SENT(send_rep_command(s, nullptr, 0x0708, bytes_of("abcde"), 5)),
-     "BAADF00D 0708 0005 6162636465 000000",
+     from_hex("BAADF00D 0708 0005 6162636465 000000"),
      TAKEN(peek_rep_stream(s) == 0x0708 &&
-           extract_rep_cmd_sync(s, payload_taken, 8, &length_taken) == 0x0708 &&
-           length_taken == 5 && memcmp(payload_taken, "abcde\0\0", 8) == 0)},
+           extract_rep_cmd_sync(s, bytes_of(payload), 8, &length_taken) == 0x0708 &&
+           length_taken == 5 && payload.substr(0, 8) == wire.substr(8))},
     {"command without payload", SENT(send_rep_command(s, nullptr, 0xFFFF, nullptr, 0)),
-     "BAADF00D FFFF 0000", TAKEN(extract_rep_cmd(s, nullptr, 0, nullptr) == 0xFFFF)},
+     from_hex("BAADF00D FFFF 0000"), TAKEN(extract_rep_cmd(s, nullptr, 0, nullptr) == 0xFFFF)},
     {"file header",
      SENT(send_file_header(s, 6, "hello", &parent, 0x0102, &attributes, &etime, 0x0B0C0D0E,
                            0x29303132)),
-     "CAFEFEED 0006 0005 0B0C0D0E 0102 9A 00" + owner + "100001A4 29303132" + ids + key_and_times +
-         "E1E2E3E4E5E6E7E8 7172737475767778 68656C6C6F 000000",
-     TAKEN(peek_rep_stream(s) == 6 && extract_rep_file(s, &got, name_taken, 6) == 5 &&
-           strcmp(name_taken, "hello") == 0 && got.rep_size == attributes.sr_size &&
-           got.rep_etime.tv_nsec == etime.tv_nsec && got.rep_attr_flags == 0x9A)},
+     from_hex("CAFEFEED 0006 0005 0B0C0D0E 0102 9A 00" + owner + "100001A4 29303132" + ids +
+              key_and_times + "E1E2E3E4E5E6E7E8 7172737475767778 68656C6C6F 000000"),
+     TAKEN_FILE(5)},
     {"file header without state, time and name",
      SENT(send_file_header(s, 6, nullptr, &parent, 0, &attributes, nullptr, 99, 0)),
-     "CAFEFEED 0006 0000 00000000 0000 9A 00" + owner + "100001A4 00000000" + ids + key_and_times +
-         zero + "7172737475767778",
-     TAKEN((name_taken[0] = '?') && extract_rep_file(s, &got, name_taken, 1) == 0 &&
-           name_taken[0] == '?')},
+     from_hex("CAFEFEED 0006 0000 00000000 0000 9A 00" + owner + "100001A4 00000000" + ids +
+              key_and_times + zero + "7172737475767778"),
+     TAKEN((name[0] = '?') && extract_rep_file(s, &got, name, 1) == 0 && name[0] == '?' &&
+           holds(wire, 96, got, swap_rep_file, 0))},
     {"inode header, empty file",
      SENT(send_ip_header(s, 6, "nine char", &parent, 1, &ip, &etime, 99, 2)),
-     "CAFEFEED 0006 0009 00000000 0001 9A 00" + owner + "FFFF0FFF 00000002" + ip_ids +
-         key_and_times + "E1E2E3E4E5E6E7E8" + zero + "A1A2A3A4A5A6A7A8" + zero +
-         "6E696E652063686172 000000",
-     TAKEN(extract_file_info(s, &info, name_taken, 256) == 9 &&
-           strcmp(name_taken, "nine char") == 0 && info.rep_ino_seqno == 0xA1A2A3A4A5A6A7A8 &&
-           info.rep_ino_epoch == 0 && info.rep_inode_inum == 0x7F807FFFFFFFFFFF)},
+     from_hex("CAFEFEED 0006 0009 00000000 0001 9A 00" + owner + "FFFF0FFF 00000002" + ip_ids +
+              key_and_times + "E1E2E3E4E5E6E7E8" + zero + "A1A2A3A4A5A6A7A8" + zero +
+              "6E696E652063686172 000000"),
+     TAKEN_NAMED(extract_file_info, 9, 112, info, swap_info)},
     {"inode header of type 5", SENT(send_ip_header(s, 5, "", &parent, 0, &ip, nullptr, 99, 2)),
-     "CAFEFEED 0005 0000 00000063 0000 9A 00" + owner + "FFFF0FFF 00000002" + ip_ids +
-         key_and_times + zero + zero + "A1A2A3A4A5A6A7A8" + zero,
-     TAKEN(_extract_rep_file(s, &info, 112, name_taken, 1) == 0)},
+     from_hex("CAFEFEED 0005 0000 00000063 0000 9A 00" + owner + "FFFF0FFF 00000002" + ip_ids +
+              key_and_times + zero + zero + "A1A2A3A4A5A6A7A8" + zero),
+     TAKEN(_extract_rep_file(s, &info, 112, name, 1) == 0 && holds(wire, 112, info, swap_info, 0))},
     {"packed file header", SENT(send_packed_file_header(s, 0x1234, &file, "8 bytes!")),
-     "CAFEFEED 1234 0008 00000009 0003 00 55" + zero + "FFFFFFFF 00000000" + ids + packed_end +
-         "3820627974657321",
-     TAKEN(extract_rep_file(s, &got, name_taken, 9) == 8 && got.rep_mode == UINT32_MAX &&
-           strcmp(name_taken, "8 bytes!") == 0)},
+     from_hex("CAFEFEED 1234 0008 00000009 0003 00 55" + zero + "FFFFFFFF 00000000" + ids +
+              packed_end + "3820627974657321"),
+     TAKEN_FILE(8)},
     {"namespace record", SENT(send_file_ns(s, 18, "ns", &file, 0xB1B2B3B4B5B6B7B8, 0xB9, 0xBA)),
-     "CAFEFEED 0012 0002 4142434445464748 5152535455565758 B1B2B3B4B5B6B7B8 31323334 61626364 "
-     "000000B9 000000BA 6E73 0000",
-     TAKEN(extract_rep_ns_file(s, &ns, name_taken, 3) == 2 && ns.rep_local_igen == 0xB9 &&
-           ns.rep_local_inum == 0xB1B2B3B4B5B6B7B8 && ns.rep_ns_flags == 0xBA)},
+     from_hex("CAFEFEED 0012 0002 4142434445464748 5152535455565758 B1B2B3B4B5B6B7B8 31323334"
+              "61626364 000000B9 000000BA 6E73 0000"),
+     TAKEN_NAMED(extract_rep_ns_file, 2, 48, ns, swap_rep_ns_file)},
     {"file record for the namespace", SENT(send_file_ns(s, 17, "n", &file, 1, 2, 3)),
-     "CAFEFEED 0011 0001 00000009 0000 00 00" + zero + "FFFFFFFF 00000000" + ids + packed_end +
-         "6E 000000",
-     TAKEN(extract_rep_file(s, &got, name_taken, 2) == 1)},
-    {"data", SENT(send_file_data(s, bytes_of("12345"), 5)), "3132333435 000000",
-     TAKEN(extract_rep_data(s, payload_taken, 5) == 0 && memcmp(payload_taken, "12345", 5) == 0)},
-    {"blob record", SENT(send_blob_record(s, 0x100000001, 2, 0x0304050607080910, tag)),
-     "0000000100000001 0000000000000002 0304050607080910 30313233343536373839616263646566",
-     TAKEN(extract_rep_blob(s, &blob) == 0 && blob.rep_offset == 0x100000001 &&
-           memcmp(blob.rep_tag, tag, 16) == 0)},
-    {"small blob record", SENT(send_small_blob_record(s, 0x100000001, 2, 0x0304050607080910, tag)),
-     "00000001 00000002 07080910 30313233343536373839616263646566",
-     TAKEN(extract_rep_small_blob(s, &blob) == 0 && blob.rep_offset == 1 &&
-           blob.rep_bloboff == 0x07080910 && memcmp(blob.rep_tag, tag, 16) == 0)},
+     from_hex("CAFEFEED 0011 0001 00000009 0000 00 00" + zero + "FFFFFFFF 00000000" + ids +
+              packed_end + "6E 000000"),
+     TAKEN_FILE(1)},
+    {"long name", SENT(send_file_ns(s, 17, "seventeen bytes..", &file, 0, 0, 0)),
+     from_hex("CAFEFEED 0011 0011 00000009 0000 00 00" + zero + "FFFFFFFF 00000000" + ids +
+              packed_end + "736576656E7465656E2062797465732E2E 000000"),
+     TAKEN_FILE(17)},
+    {"data", SENT(send_file_data(s, bytes_of("12345"), 5)), from_hex("3132333435 000000"),
+     TAKEN(extract_rep_data(s, bytes_of(payload), 5) == 0 &&
+           payload.substr(0, 5) == wire.substr(0, 5))},
+    {"blob record",
+     SENT(send_blob_record(s, 0x100000001, 2, 0x0304050607080910, "0123456789abcdef")),
+     from_hex("0000000100000001 0000000000000002 0304050607080910" + tag),
+     TAKEN(extract_rep_blob(s, &blob) == 0 && holds(wire, 40, blob, swap_rep_blob, 0))},
+    {"small blob record",
+     SENT(send_small_blob_record(s, 0x100000001, 2, 0x0304050607080910, "0123456789abcdef")),
+     from_hex("00000001 00000002 07080910" + tag),
+     TAKEN(extract_rep_small_blob(s, &blob) == 0 && blob.rep_offset == 1 && blob.rep_length == 2 &&
+           blob.rep_bloboff == 0x07080910 && wire.substr(12) == std::string(blob.rep_tag, 16))},
     {"security descriptor mapping", SENT(send_sd_mapping(s, 0x0102030405060708, bytes_of("D"), 1)),
-     "BAADDEED 0014 0000 0102030405060708 00000001 44 000000",
+     from_hex("BAADDEED 0014 0000 0102030405060708 00000001 44 000000"),
      TAKEN(took_mapping(s, 0x0102030405060708, "D"))},
 };
 
-const std::string whole_stream = std::accumulate(
-    std::begin(records), std::end(records), std::string(),
-    [](const std::string &all, const Record &next) { return all + from_hex(next.hex); });
+const std::string whole_stream =
+    std::accumulate(std::begin(records), std::end(records), std::string(),
+                    [](const std::string &all, const Record &next) { return all + next.wire; });
 
 // Takes the records in turn. Returns how many came whole.
 size_t take_records(rep_in_stream_t *in)
 {
-    const auto taken = [in](const Record &record) { return record.take(in); };
+    const auto taken = [in](const Record &next) { return next.take(in, next.wire); };
     return static_cast<size_t>(std::find_if_not(std::begin(records), std::end(records), taken) -
                                records);
 }
@@ -306,22 +340,20 @@ size_t take_records(rep_in_stream_t *in)
 TEST_F(RepStream, EveryRecordHasItsBytesWhereverTheBufferEnds)
 {
     for (const Record &record : records) {
-        SCOPED_TRACE(record.name);
-        const std::string expected = from_hex(record.hex);
-        for (uint32_t before = 0; before <= expected.size(); before += 4) {
+        SCOPED_TRACE(record.what);
+        for (uint32_t before = 0; before <= record.wire.size(); before += 4) {
             // it stands where the record's padding will: that must be written
             const std::string filler(REP_BUFFER_SIZE - before, 'f');
-            unlink((dir / "stream").c_str());
             close_rep_stream(out, 0);
             start_recording();
-            ASSERT_EQ(send_file_data(out, bytes_of(filler), REP_BUFFER_SIZE - before), 0);
+            ASSERT_EQ(append(filler), 0);
             ASSERT_EQ(record.send(out), 0);
-            ASSERT_EQ(flush_rep_stream(out), 0);
-            ASSERT_EQ(recorded(), filler + expected);
-            open_input(open((dir / "stream").c_str(), O_RDONLY));
+            ASSERT_EQ(flush(), 0);
+            ASSERT_EQ(recorded(), filler + record.wire);
+            open_input();
             ASSERT_EQ(extract_rep_data(in, nullptr, REP_BUFFER_SIZE - before), 0);
-            ASSERT_TRUE(record.take(in)) << before;
-            ASSERT_EQ(in->rep_stream_offset, filler.size() + expected.size());
+            ASSERT_TRUE(record.take(in, record.wire)) << before;
+            ASSERT_EQ(in->rep_stream_offset, filler.size() + record.wire.size());
         }
     }
     EXPECT_EQ(logged, "");
@@ -329,23 +361,20 @@ TEST_F(RepStream, EveryRecordHasItsBytesWhereverTheBufferEnds)
 
 TEST_F(RepStream, TakesRecordsHoweverTheyArrive)
 {
-    const std::string &bytes = whole_stream;
-    for (size_t most : {size_t{1}, size_t{7}, size_t{300}}) {
+    for (size_t most : {1u, 7u, 300u, UINT32_MAX}) {
         feeder = other_end();
         std::thread writer([&] {
-            std::minstd_rand random(3);
-            for (size_t at = 0; at < bytes.size();) {
-                const size_t piece = std::min(1 + random() % most, bytes.size() - at);
-                EXPECT_EQ(write(feeder, bytes.data() + at, piece), static_cast<ssize_t>(piece));
-                at += piece;
+            for (size_t at = 0; at < whole_stream.size(); at += most) {
+                const std::string piece = whole_stream.substr(at, most);
+                EXPECT_GT(write(feeder, piece.data(), piece.size()), 0);
             }
             hang_up();
         });
         EXPECT_EQ(take_records(in), std::size(records));
         writer.join();
-        EXPECT_EQ(in->rep_stream_offset, bytes.size());
+        EXPECT_EQ(in->rep_stream_offset, whole_stream.size());
         uint32_t length = 99;
-        EXPECT_EQ(extract_rep_cmd(in, payload_taken, 8, &length), -1);
+        EXPECT_EQ(extract_rep_cmd(in, bytes_of(payload), 8, &length), -1);
         EXPECT_EQ(length, 0u) << "a clean end";
         EXPECT_EQ(in->rep_stream_flags, REP_IN_ENDED);
     }
@@ -353,10 +382,10 @@ TEST_F(RepStream, TakesRecordsHoweverTheyArrive)
 
 TEST_F(RepStream, EndsAtEveryByteWithoutHarm)
 {
-    size_t whole = 0, end = from_hex(records[0].hex).size();
+    size_t whole = 0, end = records[0].wire.size();
     for (size_t cut = 0; cut < whole_stream.size(); cut++) {
         if (cut == end) {
-            end += from_hex(records[++whole].hex).size();
+            end += records[++whole].wire.size();
         }
         deliver(whole_stream.substr(0, cut));
         in->read_timeout = cut % 2 != 0 ? 20000 : 0; // polling must see the end as well
@@ -389,16 +418,13 @@ TEST_F(RepStream, FlushesWhenTheBufferIsFullAndMoreComes)
     connect();
     for (const Case &c : cases) {
         rules = {SIZE_MAX, SIZE_MAX, false, {}};
-        const uint64_t before = out->rep_stream_offset;
+        int status = 0;
         for (uint32_t length : c.appends) {
-            EXPECT_EQ(send_to_stream(out, data.data(), length), 0);
+            status |= send_to_stream(out, data.data(), length);
         }
         EXPECT_EQ(rules.calls, c.sends);
-        EXPECT_EQ(out->rep_buffer.rep_used, c.buffered);
-        EXPECT_EQ(out->rep_stream_offset - before,
-                  std::accumulate(c.sends.begin(), c.sends.end(), size_t{0}));
-        EXPECT_EQ(flush_rep_stream(out), 0);
-        EXPECT_EQ(out->rep_buffer.rep_used, 0u);
+        after(status, 0, c.buffered, std::accumulate(c.sends.begin(), c.sends.end(), size_t{0}));
+        after(flush(), 0, 0, c.buffered);
     }
 }
 
@@ -408,153 +434,131 @@ TEST_F(RepStream, TheBackingFileGetsWhatTheSocketTakes)
     start_recording();
     const std::string data = random_bytes(150000);
     rules.cap = 7000;
-    EXPECT_EQ(send_to_stream(out, "head", 4), 0);
-    EXPECT_EQ(send_to_stream(out, data.data(), 150000), 0);
-    EXPECT_EQ(flush_rep_stream(out), 0);
+    after(append("head"), 0, 4);
+    after(append(data), 0, 150004 % REP_BUFFER_SIZE, 150004 / REP_BUFFER_SIZE * REP_BUFFER_SIZE);
+    after(flush(), 0, 0, 150004 % REP_BUFFER_SIZE);
     EXPECT_TRUE(taken_data(150004) == "head" + data);
     EXPECT_TRUE(recorded() == "head" + data);
-    EXPECT_EQ(out->rep_stream_offset, 150004u);
     EXPECT_EQ(rewind_rep_backing_file(out), 0);
     EXPECT_EQ(lseek(out->rep_queued_fd, 0, SEEK_CUR), 0);
 }
 
 TEST_F(RepStream, AFailedSendKeepsTheBufferForARetry)
 {
-    const std::string data = random_bytes(200000);
+    const std::string data = random_bytes(200000), failure = "3:Failed to send data. Broken pipe\n";
+    const uint32_t full = REP_BUFFER_SIZE;
     for (bool backed : {true, false}) {
-        logged.clear();
-        out->rep_stream_offset = 0;
         connect();
         if (backed) {
             start_recording();
         }
         // 10 bytes into the second full buffer of an object that leaves from the caller's memory
-        rules = {SIZE_MAX, REP_BUFFER_SIZE + 10, true, {}};
-        EXPECT_EQ(send_to_stream(out, data.data(), 200000), -1);
-        EXPECT_EQ(logged, "3:Failed to send data. Broken pipe\n");
-        EXPECT_EQ(out->rep_stream_offset, REP_BUFFER_SIZE + 10u);
-        EXPECT_EQ(out->rep_buffer.rep_used, 65536u);
-        EXPECT_EQ(memcmp(out->rep_buffer.rep_data, data.data() + REP_BUFFER_SIZE, REP_BUFFER_SIZE),
-                  0);
-        EXPECT_EQ(recorded(), data.substr(0, REP_BUFFER_SIZE + 10));
-        EXPECT_EQ(send_to_stream(out, data.data(), 0), -1) << "a full buffer is flushed first";
-        EXPECT_EQ(send_rep_command_sync(out, 1, nullptr, 0), -1);
+        rules = {SIZE_MAX, full + 10, true, {}};
+        after(append(data), -1, full, full + 10, failure);
+        EXPECT_EQ(memcmp(out->rep_buffer.rep_data, data.data() + full, full), 0);
+        EXPECT_EQ(recorded(), backed ? data.substr(0, full + 10) : "");
+        after(append(""), -1, full, 0, failure); // a full buffer is flushed first
+        after(send_rep_command_sync(out, 1, nullptr, 0), -1, full, 0, failure);
         rules.left = SIZE_MAX;
-        EXPECT_EQ(flush_rep_stream(out), 0);
-        EXPECT_EQ(out->rep_stream_offset, 2 * REP_BUFFER_SIZE + 10u);
-        if (backed) {
-            EXPECT_EQ(recorded().size(), out->rep_stream_offset);
-            ASSERT_EQ(truncate((dir / "stream").c_str(), REP_BUFFER_SIZE + 10), 0);
-        }
+        after(flush(), 0, 0, full);
+        EXPECT_EQ(recorded().size(), backed ? 2 * full + 10 : 0);
         close_rep_stream(out, 0);
+        support::write_file(path, "");
     }
 }
 
 TEST_F(RepStream, BackingFileFailuresAreToldApartFromShortWrites)
 {
     assign_rep_backing_file(out, open("/dev/full", O_WRONLY));
-    EXPECT_EQ(send_to_stream(out, "abcd", 4), 0);
-    EXPECT_EQ(flush_rep_stream(out), -1);
-    EXPECT_EQ(logged, "3:Failed to write queued stream No space left on device\n");
-    EXPECT_EQ(out->rep_buffer.rep_used, 4u);
-    logged.clear();
+    after(append("abcd"), 0, 4);
+    after(flush(), -1, 4, 0, "3:Failed to write queued stream No space left on device\n");
     connect();
-    EXPECT_EQ(flush_rep_stream(out), -1);
-    EXPECT_EQ(logged, "3:Failed to write queued stream. No space left on device\n");
-    EXPECT_EQ(out->rep_stream_offset, 0u);
+    after(flush(), -1, 4, 0, "3:Failed to write queued stream. No space left on device\n");
     close_rep_stream(out, 0);
 
     // A pipe takes a part: no failure, and the offset tells.
-    logged.clear();
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
     ASSERT_EQ(write(ends[1], std::string(20000, 'p').data(), 20000), 20000);
     assign_rep_backing_file(out, ends[1]);
-    out->rep_buffer.rep_used = 0;
-    EXPECT_EQ(send_to_stream(out, random_bytes(65536).data(), 65536), 0);
-    EXPECT_EQ(flush_rep_stream(out), 0);
+    after(append(random_bytes(65532)), 0, 65536);
+    EXPECT_EQ(flush(), 0);
     EXPECT_GT(out->rep_stream_offset, 0u);
     EXPECT_LT(out->rep_stream_offset, 65536u);
-    EXPECT_EQ(logged, "");
+    after(0, 0, 0, out->rep_stream_offset);
     close(ends[0]);
 
     // With neither, bytes are dropped and not counted.
     close_rep_stream(out, 0);
-    const uint64_t before = out->rep_stream_offset;
-    EXPECT_EQ(send_to_stream(out, random_bytes(70000).data(), 70000), 0);
-    EXPECT_EQ(flush_rep_stream(out), 0);
-    EXPECT_EQ(out->rep_buffer.rep_used, 0u);
-    EXPECT_EQ(out->rep_stream_offset, before);
+    after(append(random_bytes(70000)), 0, 70000 - 65536);
+    after(flush(), 0, 0);
 }
 
 TEST_F(RepStream, HeadersAndCommandsGoStraightToATarget)
 {
     connect();
-    auto target = std::make_unique<rep_target_t>();
+    const auto target = std::make_unique<rep_target_t>();
     target->rep_tgt_sock = out->rep_sock;
+    const auto command = [&] {
+        return send_rep_command(nullptr, target.get(), 0x708, bytes_of("abcde"), 5);
+    };
     rules.cap = 5;
-    EXPECT_EQ(send_rep_header(nullptr, target.get(), 1, 0x12345, 2, 3), 0);
-    EXPECT_EQ(send_rep_command(nullptr, target.get(), 9, bytes_of("abcde"), 5), 0);
-    EXPECT_EQ(out->rep_buffer.rep_used + out->rep_stream_offset, 0u);
+    after(send_rep_header(nullptr, target.get(), 1, 0x12345, 2, 3), 0, 0);
+    after(command(), 0, 0);
     EXPECT_EQ(extract_rep_header_sync(in, &header), 0);
     EXPECT_EQ(header.rep_stream_version, 5);
-    EXPECT_EQ(extract_rep_cmd(in, payload_taken, 8, &length_taken), 9);
+    EXPECT_TRUE(records[1].take(in, records[1].wire));
     rules = {SIZE_MAX, 12, true, {}};
-    EXPECT_EQ(send_rep_command(nullptr, target.get(), 9, bytes_of("abcde"), 5), -1);
-    EXPECT_EQ(logged, "3:Error sending 4 bytes to target. Error=32\n");
+    after(command(), -1, 0, 0, "3:Error sending 4 bytes to target. Error=32\n");
 }
 
 TEST_F(RepStream, RefusesWhatCannotBeSent)
 {
-    const auto send_all = [&](const char *name) {
-        return std::vector<int>{
-            send_file_header(out, 6, name, &parent, 1, &attributes, nullptr, 0, 0),
-            send_ip_header(out, 6, name, &parent, 1, &ip, nullptr, 0, 0),
-            send_packed_file_header(out, 6, &file, name),
-            send_file_ns(out, 18, name, &file, 0, 0, 0),
-            send_file_ns(out, 6, name, &file, 0, 0, 0)};
-    };
-    EXPECT_EQ(send_all(std::string(256, 'n').c_str()), (std::vector<int>{-1, -1, -1, -1, -1}));
-    EXPECT_EQ(send_file_ns(out, 18, nullptr, &file, 0, 0, 0), -1);
     const std::string big(65537, 'd');
-    EXPECT_EQ(send_sd_mapping(out, 1, bytes_of(big), 65537), -3);
-    EXPECT_EQ(send_rep_command(out, nullptr, 4, bytes_of(big), 8193), -1);
-    EXPECT_EQ(logged, "3:Tried to send a command 4 of size 8193, max size 8192.\n");
-    EXPECT_EQ(out->rep_buffer.rep_used, 0u);
-    EXPECT_EQ(send_all(std::string(255, 'n').c_str()), (std::vector<int>{0, 0, 0, 0, 0}));
-    EXPECT_EQ(out->rep_buffer.rep_used, 3 * 96 + 112 + 48 + 5 * 256u);
-    EXPECT_EQ(send_sd_mapping(out, 1, bytes_of(big), 65536), 0);
-    EXPECT_EQ(send_rep_command(out, nullptr, 4, bytes_of(big), 8192), 0);
-    out->rep_buffer.rep_used = 0;
-    EXPECT_EQ(send_sd_mapping(out, 1, nullptr, 0), 0);
-    EXPECT_EQ(out->rep_buffer.rep_used, 20u);
+    for (const bool good : {false, true}) {
+        const std::string text(good ? 255 : 256, 'n');
+        const int status = good ? 0 : -1;
+        const char *n = text.c_str();
+        out->rep_buffer.rep_used = 0;
+        after(send_file_header(out, 6, n, &parent, 1, &attributes, nullptr, 0, 0), status,
+              good * 352u);
+        after(send_ip_header(out, 6, n, &parent, 1, &ip, nullptr, 0, 0), status, good * 720u);
+        after(send_packed_file_header(out, 6, &file, n), status, good * 1072u);
+        after(send_file_ns(out, 18, n, &file, 0, 0, 0), status, good * 1376u);
+        after(send_file_ns(out, 6, n, &file, 0, 0, 0), status, good * 1728u);
+    }
+    after(send_file_ns(out, 18, nullptr, &file, 0, 0, 0), -1, 1728);
+    after(send_sd_mapping(out, 1, bytes_of(big), 65537), -3, 1728);
+    after(send_rep_command(out, nullptr, 4, bytes_of(big), 8193), -1, 1728, 0,
+          "3:Tried to send a command 4 of size 8193, max size 8192.\n");
+    after(send_rep_command(out, nullptr, 4, bytes_of(big), 8192), 0, 1728 + 8200);
+    after(send_sd_mapping(out, 1, nullptr, 0), 0, 1728 + 8220);
+    after(send_sd_mapping(out, 1, bytes_of(big), 65536), 0, 1728 + 8240);
 }
 
 TEST_F(RepStream, RunningOutOfMemoryIsAStatus)
 {
-    const auto without_memory = [](const auto &call) {
-        const support::FailingMalloc none(0);
+    const auto without_memory = [](const auto &call, int allocations = 0) {
+        const support::FailingMalloc none(allocations);
         return call();
     };
     logged.reserve(4096);
     EXPECT_EQ(without_memory([] { return create_rep_out_stream(); }), nullptr);
-    for (int good : {0, 1}) {
-        const support::FailingMalloc after(good);
-        EXPECT_EQ(create_rep_in_stream(1), nullptr) << good;
-    }
+    EXPECT_EQ(without_memory([] { return create_rep_in_stream(1); }), nullptr);
+    EXPECT_EQ(without_memory([] { return create_rep_in_stream(1); }, 1), nullptr);
     EXPECT_EQ(without_memory([&] { return send_sd_mapping(out, 1, bytes_of("12345"), 5); }), -2);
     out->rep_buffer.rep_used = REP_BUFFER_SIZE - 8;
     EXPECT_EQ(without_memory([&] { return send_rep_command(out, nullptr, 1, bytes_of("1"), 1); }),
               -1);
-    EXPECT_EQ(out->rep_buffer.rep_used, REP_BUFFER_SIZE - 8u);
-    deliver(from_hex("BAADDEED 0014 0000 0000000000000007 00000001 31000000"));
+    deliver(records[std::size(records) - 1].wire);
     uint64_t key = 0;
     uint8_t *data = nullptr;
     uint32_t length = REP_MAX_SD_LEN;
     EXPECT_EQ(without_memory([&] { return extract_rep_sd_mapping(in, &key, &data, &length); }), -2);
-    EXPECT_EQ(logged, "3:Cannot allocate 28 bytes for rep_sd_mapping. \n"
-                      "3:Memory allocation for sending rep command.\n"
-                      "3:Cannot allocate space for SD data from replication stream\n");
+    after(0, 0, REP_BUFFER_SIZE - 8, 0,
+          "3:Cannot allocate 28 bytes for rep_sd_mapping. \n"
+          "3:Memory allocation for sending rep command.\n"
+          "3:Cannot allocate space for SD data from replication stream\n");
 }
 
 TEST_F(RepStream, TheLastReferenceEndsTheStream)
@@ -573,9 +577,8 @@ TEST_F(RepStream, TheLastReferenceEndsTheStream)
     close_rep_stream(out, 3);
     EXPECT_EQ(out->rep_stream_flags, 7u);
     EXPECT_EQ(completed, 0);
-    EXPECT_EQ(drop_stream(out), 0);
+    EXPECT_EQ(drop_stream(std::exchange(out, nullptr)), 0);
     EXPECT_EQ(completed, 1);
-    out = nullptr;
     const support::Outcome outcome = support::run_in_child([] {
         rep_stream_t *stream = create_rep_out_stream();
         stream->rep_ref_cnt = 0;
@@ -594,33 +597,27 @@ TEST_F(RepStream, WritersAndFollowersMeet)
         for (int i = 0; i < per_writer; i++) {
             lock_stream(out);
             EXPECT_EQ(send_rep_command(out, nullptr, type, bytes_of("0123456789"), 10), 0);
-            EXPECT_EQ(i % 512 == 0 ? flush_rep_stream(out) : 0, 0);
+            EXPECT_EQ(i % 512 == 0 ? flush() : 0, 0);
             unlock_stream(out);
         }
     };
     const auto follow = [&] {
-        uint64_t there = 0;
-        for (bool closed = false; !closed;) {
-            pthread_mutex_lock(&out->rep_mutex.mutex);
-            while (out->rep_stream_offset == there && (out->rep_stream_flags & 1) == 0) {
-                out->rep_targ_waiting++;
-                pthread_cond_wait(&out->rep_cond.cond, &out->rep_mutex.mutex);
-                out->rep_targ_waiting--;
-            }
-            there = out->rep_stream_offset;
-            closed = (out->rep_stream_flags & 1) != 0;
-            pthread_mutex_unlock(&out->rep_mutex.mutex);
-            EXPECT_GE(recorded().size(), there);
+        pthread_mutex_lock(&out->rep_mutex.mutex);
+        while ((out->rep_stream_flags & 1) == 0) {
+            EXPECT_GE(recorded().size(), out->rep_stream_offset);
+            out->rep_targ_waiting++;
+            pthread_cond_wait(&out->rep_cond.cond, &out->rep_mutex.mutex);
+            out->rep_targ_waiting--;
         }
-        EXPECT_EQ(there, 2u * per_writer * 20);
+        EXPECT_EQ(out->rep_stream_offset, 2u * per_writer * 20);
+        pthread_mutex_unlock(&out->rep_mutex.mutex);
         EXPECT_EQ(drop_stream(out), 1);
     };
     hold_stream(out);
-    std::thread follower(follow);
-    std::thread first(write_commands, 1), second(write_commands, 2);
+    std::thread follower(follow), first(write_commands, 1), second(write_commands, 2);
     first.join();
     second.join();
-    EXPECT_EQ(flush_rep_stream(out), 0);
+    EXPECT_EQ(flush(), 0);
     close_rep_stream(out, 1);
     follower.join();
 }
@@ -642,23 +639,24 @@ TEST_F(RepStream, HostileLengthsAndMagicsAreRefused)
         return extract_rep_sd_mapping(in, &key, &data, &length);
     };
     const auto command = [&](uint32_t room, uint32_t *taken) {
-        return [=, this] { return extract_rep_cmd(in, payload_taken, room, taken); };
+        return [=, this] { return extract_rep_cmd(in, bytes_of(payload), room, taken); };
     };
     const auto file_of = [&](char *name, uint32_t room, uint32_t size = 96) {
-        return [=, this] { return _extract_rep_file(in, &got, size, name, room); };
+        return [=, this] { return _extract_rep_file(in, &info, size, name, room); };
     };
-    const auto ns_file = [&] { return extract_rep_ns_file(in, &ns, name_taken, 256); };
+    const auto ns_file = [&] { return extract_rep_ns_file(in, &ns, name, 256); };
     const auto peek = [&] { return peek_rep_stream(in); };
     const std::string zeros(320, '0'), mapping = "BAADDEED 0014 0000 0000000000000001";
     const std::string cut = "3:SD data not in replication stream\n";
     const std::string bad = "3:Bad SD mapping in replication stream: magic 0xbaaddeed type ";
     const Case cases[] = {
         {"header", "CAFEFEED" + zeros, [&] { return extract_rep_header(in, &header); }, 32, ""},
-        {"file magic", "FACEBABE" + zeros, file_of(name_taken, 256), 96, ""},
-        {"name without room", "CAFEFEED 0006 0005" + zeros, file_of(name_taken, 5), 96, ""},
+        {"file magic", "FACEBABE" + zeros, file_of(name, 256), 96, ""},
+        {"info magic", "FACEBABE" + zeros, file_of(name, 256, 112), 112, ""},
+        {"name without room", "CAFEFEED 0006 0005" + zeros, file_of(name, 5), 96, ""},
         {"no name, no room", "CAFEFEED 0006 0000" + zeros, file_of(nullptr, 0), 96, ""},
-        {"longest name", "CAFEFEED 0006 FFFF" + zeros, file_of(name_taken, UINT32_MAX), 96, ""},
-        {"size", "CAFEFEED 0006 0000" + zeros, file_of(name_taken, 256, 95), 0, ""},
+        {"longest name", "CAFEFEED 0006 FFFF" + zeros, file_of(name, UINT32_MAX), 96, ""},
+        {"size", "CAFEFEED 0006 0000" + zeros, file_of(name, 256, 95), 0, ""},
         {"namespace magic", "BAADF00D 0006 0000" + zeros, ns_file, 48, ""},
         {"namespace name", "CAFEFEED 0012 0100" + zeros, ns_file, 48, ""},
         {"command magic", "CAFEFEED 0006 0000", command(8, &length), 8, ""},
@@ -679,30 +677,28 @@ TEST_F(RepStream, HostileLengthsAndMagicsAreRefused)
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
-        logged.clear();
         deliver(from_hex(c.hex));
         EXPECT_EQ(c.take(), -1);
         EXPECT_EQ(in->rep_stream_offset, c.consumed);
-        EXPECT_EQ(logged, c.log);
+        EXPECT_EQ(std::exchange(logged, ""), c.log);
         EXPECT_EQ(data, nullptr);
         EXPECT_EQ(key, 5u);
     }
-    for (const char *service : {"CAFEBEAD FFFE 0000", "CAFEFACE FFFE 0000"}) {
-        deliver(from_hex(service));
+    for (const char *magic : {"CAFEBEAD", "CAFEFACE", "CAFEFEED", "BAADF00D"}) {
+        deliver(from_hex(magic + std::string("FFFE 0000")));
         EXPECT_EQ(peek_rep_stream(in), 0xFFFE);
     }
 }
 
 TEST_F(RepStream, ACommandsLengthTellsWhatWasThere)
 {
-    uint32_t length = 99;
     deliver(from_hex("BAADF00D 0006 0000 BAADF00D 0007 0002 31320000 313233"));
-    EXPECT_EQ(extract_rep_cmd(in, payload_taken, 8, &length), 6);
-    EXPECT_EQ(length, 23u);
-    EXPECT_EQ(extract_rep_cmd(in, payload_taken, 4, &length), 7);
-    EXPECT_EQ(length, 2u);
-    EXPECT_EQ(extract_rep_cmd(in, payload_taken, 4, &length), -1);
-    EXPECT_EQ(length, 3u);
+    const std::pair<int, uint32_t> expected[] = {{6, 23}, {7, 2}, {-1, 3}};
+    for (const auto &[type, length] : expected) {
+        uint32_t there = 99;
+        EXPECT_EQ(extract_rep_cmd(in, bytes_of(payload), 4, &there), type);
+        EXPECT_EQ(there, length);
+    }
 }
 
 TEST_F(RepStream, OnlyTheSyncFormsLeaveTheirBytesInPlace)
@@ -718,15 +714,15 @@ TEST_F(RepStream, OnlyTheSyncFormsLeaveTheirBytesInPlace)
 
 TEST_F(RepStream, TakesTheLongestNameAndDescriptor)
 {
-    std::string name = random_bytes(65535);
-    std::string bytes = from_hex("CAFEFEED 0006 FFFF") + std::string(88, '\0') + name + '\0' +
-                        from_hex("BAADDEED 0014 0000 0000000000000007 00010000") + name + "!" +
-                        from_hex("BAADDEED 0014 0000 0000000000000008 00000002 31320000");
+    const std::string longest = random_bytes(65535),
+                      bytes = from_hex("CAFEFEED 0006 FFFF") + std::string(88, '\0') + longest +
+                              '\0' + from_hex("BAADDEED 0014 0000 0000000000000007 00010000") +
+                              longest + "!" +
+                              from_hex("BAADDEED 0014 0000 0000000000000008 00000002 31320000");
     deliver(bytes);
-    std::string taken(65536, '?');
-    EXPECT_EQ(extract_rep_file(in, &got, taken.data(), 65536), 65535);
-    EXPECT_EQ(taken, name + '\0');
-    EXPECT_TRUE(took_mapping(in, 7, name + "!"));
+    EXPECT_EQ(extract_rep_file(in, &got, payload.data(), 65536), 65535);
+    EXPECT_TRUE(payload == longest + '\0');
+    EXPECT_TRUE(took_mapping(in, 7, longest + "!"));
     uint64_t key = 0;
     uint32_t length = REP_MAX_SD_LEN;
     EXPECT_EQ(extract_rep_sd_mapping(in, &key, nullptr, &length), 0) << "skipped";
@@ -742,7 +738,7 @@ TEST_F(RepStream, LargeDataComesWholeThroughAnyMixOfSmallReads)
         for (uint32_t length : {1u, 65536u, 65537u, 400001u, 3u}) {
             EXPECT_EQ(send_file_data(out, bytes_of(data), length), 0);
         }
-        EXPECT_EQ(flush_rep_stream(out), 0);
+        EXPECT_EQ(flush(), 0);
         close_rep_stream(out, 0);
     });
     for (uint32_t length : {1u, 65536u, 65537u, 400001u}) {
@@ -750,7 +746,7 @@ TEST_F(RepStream, LargeDataComesWholeThroughAnyMixOfSmallReads)
     }
     EXPECT_EQ(in->rep_stream_offset, 4 + 65536 + 65540 + 400004u);
     std::string rest(200000, '\0');
-    EXPECT_EQ(extract_rep_data(in, reinterpret_cast<uint8_t *>(rest.data()), 200000), -1);
+    EXPECT_EQ(extract_rep_data(in, bytes_of(rest), 200000), -1);
     EXPECT_EQ(rest.substr(0, 4), data.substr(0, 3) + '\0') << "bytes before the end are taken";
     EXPECT_EQ(in->rep_stream_offset, 8 + 65536 + 65540 + 400004u);
     sender.join();
@@ -786,10 +782,10 @@ TEST_F(RepStream, AnInterruptedWaitAndAReadErrorEndTheStreamButKeepWhatCame)
         setitimer(ITIMER_REAL, &soon, nullptr);
         in->read_timeout = interrupted ? 20000 : 0;
         fcntl(in->rep_sock, F_SETFL, interrupted ? 0 : O_NONBLOCK);
-        uint8_t bytes[8] = {};
-        EXPECT_EQ(extract_rep_data(in, bytes, 8), -1);
+        payload.assign(65536, '?');
+        EXPECT_EQ(extract_rep_data(in, bytes_of(payload), 8), -1);
         EXPECT_EQ(in->rep_stream_flags, REP_IN_ENDED);
-        EXPECT_EQ(memcmp(bytes, "abcd", 4), 0);
+        EXPECT_EQ(payload.substr(0, 5), "abcd?");
         EXPECT_EQ(in->rep_stream_offset, 4u);
         hang_up();
     }
@@ -799,36 +795,36 @@ TEST_F(RepStream, AnInterruptedWaitAndAReadErrorEndTheStreamButKeepWhatCame)
 TEST_F(RepStream, PeekSpeaksWhenItsDebugFlagIsOn)
 {
     uint8_t flags[2] = {0xFF, 1};
-    debug_facility &facility = facilities[DBG_FAC_KOPOL];
-    const debug_facility saved = facility;
+    const debug_facility saved = facilities[DBG_FAC_KOPOL];
     __vorn_debugfn = record_log;
+    facilities[DBG_FAC_KOPOL].debug_flags = flags;
     for (const uint8_t size : {1, 2}) { // the flag is in the second byte
-        facility.debug_flags = flags;
-        facility.debug_flag_size = size;
+        facilities[DBG_FAC_KOPOL].debug_flag_size = size;
         deliver("abc");
         EXPECT_EQ(peek_rep_stream(in), -1);
         EXPECT_EQ(logged, size == 1 ? ""
                                     : "0:peek_rep_stream: Available data: 3 is less than the "
                                       "requested data: 8, rep_stream_flags: 0x1.\n");
     }
-    facility = saved;
+    facilities[DBG_FAC_KOPOL] = saved;
     __vorn_debugfn = __vorn_debugfn_default;
 }
 
 TEST_F(RepStream, ForwardsAStreamVerbatim)
 {
     const std::string data = random_bytes(300001);
-    support::write_file(dir / "source", data);
-    open_input(open((dir / "source").c_str(), O_RDONLY));
+    support::write_file(path, data);
+    open_input();
     EXPECT_EQ(taken_data(5), data.substr(0, 5));
+    unlink(path.c_str());
     start_recording();
     EXPECT_EQ(copy_rep_stream(in, out), 0);
     EXPECT_LT(recorded().size(), data.size() - 8) << "the caller flushes";
-    EXPECT_EQ(flush_rep_stream(out), 0);
+    EXPECT_EQ(flush(), 0);
     EXPECT_EQ(recorded(), data.substr(8));
     EXPECT_EQ(in->rep_stream_offset, data.size());
 
-    open_input(open((dir / "source").c_str(), O_RDONLY));
+    open_input();
     close_rep_stream(out, 0);
     assign_rep_backing_file(out, open("/dev/full", O_WRONLY));
     EXPECT_EQ(copy_rep_stream(in, out), -1);
@@ -836,7 +832,6 @@ TEST_F(RepStream, ForwardsAStreamVerbatim)
     in->read_timeout = 10;
     out->rep_buffer.rep_used = 0;
     EXPECT_EQ(copy_rep_stream(in, out), 0) << "a time-out ends it, what came is passed on";
-    EXPECT_EQ(out->rep_buffer.rep_used, 4u);
-    out->rep_buffer.rep_used = 0;
+    EXPECT_EQ(std::exchange(out->rep_buffer.rep_used, 0), 4u);
     hang_up();
 }
