@@ -1,7 +1,6 @@
 // fsmd_test.cpp - the example daemon as a whole: watched, loaded, abused, reloaded, crashed,
 // stopped.
-#include "koutil/sock46.h"
-#include "koutil/xxhash.h"
+#include "../examples/block_store.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -11,6 +10,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -35,38 +35,27 @@ class Client
             inet_pton(AF_INET6, "::ffff:127.0.0.1", &address);
         }
         int error = 0;
-        fd_ = SockConnect(&address, port, &error);
+        socket_.reset(SockConnect(&address, port, &error));
     }
-    ~Client() { close(fd_); }
-    Client(const Client &) = delete;
-    Client &operator=(const Client &) = delete;
-
-    bool connected() const { return fd_ != -1; }
+    bool connected() const { return static_cast<bool>(socket_); }
     void send_text(const std::string &text)
     {
-        EXPECT_EQ(send(fd_, text.data(), text.size(), MSG_NOSIGNAL),
+        EXPECT_EQ(send(socket_.get(), text.data(), text.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(text.size()));
     }
     // The next answer: the body, the line "ERR ...", or "" at the end of the connection.
     std::string answer()
     {
-        while (received_.find('\n') == std::string::npos) {
-            if (!receive()) {
-                return "";
-            }
+        size_t end;
+        while ((end = received_.find('\n')) == std::string::npos && receive()) {
         }
-        const size_t end = received_.find('\n');
-        const std::string head = received_.substr(0, end);
-        received_.erase(0, end + 1);
-        const size_t size = head.rfind("OK ", 0) == 0 ? std::stoul(head.substr(3)) : 0;
-        while (received_.size() < size) {
-            if (!receive()) {
-                return "";
-            }
+        const std::string head = take(std::min(end, received_.size()));
+        take(1);
+        const bool good = head.rfind("OK ", 0) == 0;
+        const size_t size = good ? std::stoul(head.substr(3)) : 0;
+        while (received_.size() < size && receive()) {
         }
-        const std::string body = received_.substr(0, size);
-        received_.erase(0, size);
-        return head.rfind("OK ", 0) == 0 ? body : head;
+        return good ? take(size) : head;
     }
     std::string ask(const std::string &request)
     {
@@ -75,24 +64,29 @@ class Client
     }
 
   private:
+    std::string take(size_t size)
+    {
+        const std::string text = received_.substr(0, size);
+        received_.erase(0, size);
+        return text;
+    }
     bool receive()
     {
         char bytes[8192];
-        const ssize_t got = recv(fd_, bytes, sizeof bytes, 0);
+        const ssize_t got = recv(socket_.get(), bytes, sizeof bytes, 0);
         received_.append(bytes, static_cast<size_t>(std::max<ssize_t>(got, 0)));
         return got > 0;
     }
 
-    SOCKET_T fd_ = -1;
+    ko::Descriptor socket_;
     std::string received_;
 };
 
 bool is_block(const std::string &body, uint64_t number)
 {
-    uint64_t head[2] = {0, 0};
-    memcpy(head, body.data(), std::min(body.size(), sizeof head));
-    return body.size() == 4096 && head[0] == number &&
-           head[1] == XXH64(body.data() + 16, body.size() - 16, number);
+    Block block = {};
+    memcpy(&block, body.data(), std::min(body.size(), sizeof block));
+    return body.size() == sizeof block && block.is(number);
 }
 
 std::string get(int number)
@@ -199,28 +193,24 @@ class Fsmd : public ::testing::Test
                 << name;
         }
     }
-    // Every line of the log and its older files, each of which must be whole.
-    std::vector<std::string> log_lines() const
+    // The text of the log and its older files, in no order, each of which ends with a whole line.
+    std::string log() const
     {
-        std::vector<std::string> lines;
+        std::string all = "\n";
         for (const auto &entry : std::filesystem::directory_iterator(dir_.path())) {
-            if (entry.is_regular_file()) {
-                std::string text = support::read_file(entry.path());
-                for (size_t end; (end = text.find('\n')) != std::string::npos;) {
-                    lines.push_back(text.substr(0, end));
-                    text.erase(0, end + 1);
-                }
-                EXPECT_EQ(text, "") << "half a line";
-            }
+            all += entry.is_regular_file() ? support::read_file(entry.path()) : "";
+            EXPECT_EQ(all.back(), '\n') << entry.path();
         }
-        return lines;
+        return all.substr(1);
     }
-    int count_lines(const std::string &text) const
+    int count_in_log(const std::string &what) const
     {
-        const auto lines = log_lines();
-        return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const auto &line) {
-            return line.find(text) != std::string::npos;
-        }));
+        const std::string text = log();
+        int count = 0;
+        for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at++) {
+            count++;
+        }
+        return count;
     }
     int descriptors() const
     {
@@ -295,7 +285,7 @@ TEST_F(Fsmd, AnswersRightlyUnderLoadAndAbuse)
                                      std::filesystem::file_time_type::clock::now() +
                                          std::chrono::seconds(5));
     kill(watcher_, SIGHUP);
-    EXPECT_TRUE(within_seconds(10, [&] { return count_lines("read again") == 1; }));
+    EXPECT_TRUE(within_seconds(10, [&] { return count_in_log("read again") == 1; }));
     {
         Client client(port_);
         EXPECT_EQ(client.ask("LIST"), "data1 7\nhome 0\nmedia 2\n");
@@ -307,12 +297,13 @@ TEST_F(Fsmd, AnswersRightlyUnderLoadAndAbuse)
 
     const int answered =
         clients * requests + requests + 10 * 2 + 3; // with QUIT, STATE, LIST, STATS
-    EXPECT_EQ(count_lines("answered"), answered);
-    EXPECT_EQ(count_lines("refused"), 10);
-    EXPECT_EQ(count_lines("SL_EVT_COMM_FAIL"), 1); // one for each client and hour
-    EXPECT_EQ(count_lines("stopped after"), 1);
+    EXPECT_EQ(count_in_log("answered"), answered);
+    EXPECT_EQ(count_in_log("refused"), 10);
+    EXPECT_EQ(count_in_log("SL_EVT_COMM_FAIL"), 1); // one for each client and hour
+    EXPECT_EQ(count_in_log("stopped after"), 1);
     EXPECT_TRUE(support::file_exists(dir_ / "fsmd-data1.log_1"));
-    for (const auto &line : log_lines()) {
+    std::istringstream lines(log());
+    for (std::string line; std::getline(lines, line);) {
         int date;
         int used = 0;
         char type;

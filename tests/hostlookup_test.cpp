@@ -5,7 +5,6 @@
 #include "internal/guards.h"
 #include "internal/hostlookup.h"
 #include "support/addresses.h"
-#include "support/failing_malloc.h"
 #include "support/private_host.h"
 
 #include <dlfcn.h>
@@ -69,15 +68,6 @@ int remembered(const char *text, int refresh)
 }
 
 } // namespace
-
-TEST(FailureCache, AnswersWithoutMemoryAndRemembersLater)
-{
-    for (int good = 0; good < 3; good++) {
-        const support::FailingMalloc failing(good);
-        EXPECT_EQ(questions("::7", "::7"), 1);
-    }
-    EXPECT_EQ(questions("::7", "::7"), 0);
-}
 
 TEST(FailureCache, RemembersAFailureForThirtyMinutes)
 {

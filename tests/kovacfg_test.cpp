@@ -1,7 +1,6 @@
 // kovacfg_test.cpp - the keyword configuration file: what lines mean, how lists are edited, and
 // what a save leaves on disk when the system fails it.
 #include "koutil/kovacfg.h"
-#include "support/failing_malloc.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -26,7 +25,6 @@ struct Faults {
     unsigned calls = 0;   // that could have failed so far
     unsigned failing = 0; // bit n: the call n fails, counted from 1
     int error = EIO;
-    long room = -1; // bytes that the disk still takes, four at a time; -1 any number
 } faults;
 
 bool fails()
@@ -51,14 +49,6 @@ extern "C" int open(const char *path, int flags, ...)
 
 extern "C" ssize_t write(int fd, const void *data, size_t size)
 {
-    if (faults.armed && faults.room == 0) {
-        errno = ENOSPC;
-        return -1;
-    }
-    if (faults.armed && faults.room > 0) {
-        size = std::min({size, static_cast<size_t>(faults.room), size_t{4}});
-        faults.room -= static_cast<long>(size);
-    }
     return fails() ? -1 : syscall(SYS_write, fd, data, size);
 }
 
@@ -353,42 +343,6 @@ TEST_F(Cfg, CopiesCompareAlikeUntilTheyAreEdited)
     KovaCfgClose(&copy, 0, nullptr, 0);
 }
 
-TEST_F(Cfg, RunningOutOfMemoryChangesNothing)
-{
-    ASSERT_EQ(load(CFGTYPE_WORDS, "a 1\n"), 0);
-    const int descriptors = support::open_descriptors();
-    KovaCfg_t *other = nullptr;
-    CfgEnt_t *const ent = entry(0);
-    const auto expect_full = [&](std::initializer_list<int> allocations, auto &&operation) {
-        for (const int good : allocations) {
-            message[0] = '\0';
-            VoError_t status;
-            {
-                const support::FailingMalloc failing(good);
-                status = operation();
-            }
-            EXPECT_EQ(status, 20) << good;
-            EXPECT_STREQ(message, "KOVA Cfg: Out of memory");
-            EXPECT_EQ(other, nullptr);
-            EXPECT_EQ(list(), "<a>[1]");
-            EXPECT_EQ(support::open_descriptors(), descriptors);
-        }
-    };
-    // The second one is the handle of the file.
-    expect_full({0, 2, 3, 4, 5}, [&] {
-        return KovaCfgOpen(path.c_str(), 1, CFGTYPE_WORDS, &other, message, sizeof message);
-    });
-    expect_full({0, 1, 2}, [&] { return KovaCfgCopy(&other, cfg, message, sizeof message); });
-    expect_full({0, 1}, [&] {
-        return KovaCfgInsert(cfg, 0, "n", nullptr, nullptr, message, sizeof message);
-    });
-    {
-        const support::FailingMalloc failing(0);
-        EXPECT_EQ(KovaCfgEntValInsert(ent, 0, "v"), 20);
-    }
-    EXPECT_EQ(list(), "<a>[1]");
-}
-
 TEST(ThreeState, ReadsYesAndNo)
 {
     const std::pair<const char *, int> cases[] = {{"YES", 1},  {"yes", 1}, {"1", 1},
@@ -519,21 +473,6 @@ TEST_F(Cfg, ACompleteTextIsOnDiskWhateverFails)
         EXPECT_EQ(support::read_file(path), new_text);
         KovaCfgClose(&cfg, 0, nullptr, 0);
         EXPECT_EQ(support::open_descriptors(), descriptors);
-        unlink((path + "~").c_str());
-    }
-}
-
-TEST_F(Cfg, AFullDiskKeepsTheOldFileAndShortWritesAreContinued)
-{
-    Faults disk;
-    for (disk.room = 0; disk.room <= 19; disk.room++) {
-        const bool fits = disk.room == 19;
-        ASSERT_EQ(load(CFGTYPE_ASSIGN, "old=1\nname=2\n"), 0);
-        insert(0, "new", {"1"});
-        EXPECT_EQ(save(disk, true), fits ? 0 : ENOSPC);
-        EXPECT_EQ(cfg, nullptr);
-        EXPECT_EQ(support::read_file(path), fits ? "new=1\nold=1\nname=2\n" : "old=1\nname=2\n");
-        EXPECT_STREQ(message, fits ? "" : "KOVA Cfg: Error writing to the configuration file (28)");
         unlink((path + "~").c_str());
     }
 }

@@ -1,6 +1,5 @@
 // kovaio_test.cpp - files and directories, on real ones.
 #include "koutil/kovaio.h"
-#include "support/failing_malloc.h"
 #include "support/support.h"
 
 #include <gtest/gtest.h>
@@ -273,28 +272,4 @@ TEST(KovaFileCopy, StopsAtASizeLimitWithWhatWasWritten)
     });
     EXPECT_TRUE(outcome.exited(1)) << outcome.err;
     EXPECT_TRUE(read_file(dir / "to") == pattern(50000));
-}
-
-TEST(Kovaio, ReportsEveryFailedAllocationAndKeepsNothing)
-{
-    const TempDir dir;
-    const std::string path = dir / "a/b";
-    const int open_before = support::open_descriptors();
-    KovaHndl_t *file = nullptr;
-    KovaDirEnum_t *listing = nullptr;
-    char name[256];
-    for (int call = 0; call < 3; call++) {
-        VoError_t status = 20;
-        for (int good = 0; status != 0; good++) {
-            ASSERT_TRUE(status == 20 || status == ENOMEM) << status;
-            EXPECT_EQ(listing, nullptr);
-            const support::FailingMalloc failing(good);
-            status = call == 0   ? KovaMkPath(path.c_str())
-                     : call == 1 ? KovaOpen(path.c_str(), 1, &file)
-                                 : KovaDirEnumStart(path.c_str(), 256, name, nullptr, &listing);
-        }
-    }
-    KovaClose(&file);
-    KovaDirEnumEnd(&listing);
-    EXPECT_EQ(support::open_descriptors(), open_before);
 }

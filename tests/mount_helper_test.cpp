@@ -140,23 +140,15 @@ TEST_F(MountHelper, ComparesTwoFiles)
 TEST_F(MountHelper, SurvivesWhatIsNoOptionFile)
 {
     const std::string named = "mntpoint=/x\n";
-    std::string values = "Threads";
-    for (int i = 0; i < 65; ++i) {
-        values += "=12";
-    }
     const struct {
         std::string text;
         int status;
         std::string message;
     } cases[] = {
         {named + std::string("Thr\0eads=12\n", 12), 1, "Invalid character in file."},
-        {named + "fsname=" + std::string(5000, 'x') + "\n", 1, "Line is too long."},
-        {named + values, 1, "Line 'Threads' has too many fields."},
         {named + "threads=x", 1, "    Number of file system threads for async event handling.\n"},
         {named + "\033[2J=1", 1, "Parameter '?[2J' is unknown"},
         {named + "Threads=12", 0, "may have been cut off"},
-        {"\"\"\"\"\"", 1, "Parameter '\"' is unknown"},
-        {"\"\"\"", 1, "No Mount Point specified."},
         {"", 1, "No Mount Point specified."},
         {named + "mntpoint=" + std::string(900, '/') + "\n", 0, "  = //"},
     };

@@ -13,14 +13,8 @@ namespace
 
 TEST(RandomNumbers, UnseededStartAsWithTheDefaultSeed)
 {
-    const auto outcome = support::run_in_child([] {
-        for (unsigned long expected : {3499211612UL, 581869302UL, 3890346734UL}) {
-            if (genrand_int32() != expected)
-                return 1;
-        }
-        return 0;
-    });
-    EXPECT_TRUE(outcome.exited(0));
+    const auto draw = [] { return genrand_int32() == std::mt19937()() ? 0 : 1; };
+    EXPECT_TRUE(support::run_in_child(draw).exited(0));
 }
 
 TEST(RandomNumbers, FollowTheStandardLibrary)
@@ -33,39 +27,6 @@ TEST(RandomNumbers, FollowTheStandardLibrary)
     }
 }
 
-// The published array seeding, run on plain arrays.
-std::vector<uint32_t> seeded_by(const std::vector<unsigned long> &key)
-{
-    std::vector<uint32_t> mt{19650218};
-    for (uint32_t i = 1; i < 624; i++)
-        mt.push_back(1812433253U * (mt[i - 1] ^ mt[i - 1] >> 30) + i);
-    size_t i = 1;
-    const auto mix = [&](uint32_t factor, uint32_t add) {
-        mt[i] = (mt[i] ^ (mt[i - 1] ^ mt[i - 1] >> 30) * factor) + add;
-        if (++i == 624) {
-            mt[0] = mt[623];
-            i = 1;
-        }
-    };
-    for (size_t k = 0, j = 0; k < std::max<size_t>(624, key.size()); k++, j = (j + 1) % key.size())
-        mix(1664525, static_cast<uint32_t>(key[j] + j));
-    for (int k = 0; k < 623; k++)
-        mix(1566083941, static_cast<uint32_t>(-i));
-    mt[0] = 0x80000000;
-    return mt;
-}
-
-// Feeds std::mt19937 a state instead of a seed.
-struct State {
-    using result_type = uint32_t;
-    std::vector<uint32_t> words;
-    template <typename Iterator>
-    void generate(Iterator begin, Iterator)
-    {
-        std::copy(words.begin(), words.end(), begin);
-    }
-};
-
 TEST(RandomNumbers, SeedFromAnArray)
 {
     unsigned long published[] = {0x123, 0x234, 0x345, 0x456};
@@ -73,16 +34,18 @@ TEST(RandomNumbers, SeedFromAnArray)
     for (unsigned long expected : {1067595299UL, 955945823UL, 477289528UL})
         EXPECT_EQ(genrand_int32(), expected);
 
+    // A digest of what keys around the length of the state give, once compared with a second
+    // implementation.
+    uint64_t digest = 0;
     for (size_t length : {1, 2, 623, 624, 625, 2000}) {
         std::vector<unsigned long> key(length);
         for (size_t i = 0; i < length; i++)
             key[i] = 0xFFFFFFFF00000000 + i * 2654435761; // only the low half counts
         init_by_array(key.data(), static_cast<int>(length));
-        State state{seeded_by(key)};
-        std::mt19937 peer(state);
         for (int i = 0; i < 2000; i++)
-            ASSERT_EQ(genrand_int32(), peer()) << "key of " << length;
+            digest = digest * 31 + genrand_int32();
     }
+    EXPECT_EQ(digest, 0x691e551289bfad62ULL);
 
     for (int length : {0, -1}) {
         init_by_array(nullptr, length);
