@@ -47,10 +47,12 @@ cache_fn_vec_t functions = {
     [](bufaddr_t a, bufaddr_t b) { return number(a) == number(b) ? 0 : 1; },
     [](void *, cache_buf_t *, bufaddr_t, int) { return 1; },
     [](void *, cache_buf_t *buf, bufaddr_t addr, int) {
-        static_cast<Buffer *>(buf)->address = number(addr);
+        auto *buffer = static_cast<Buffer *>(buf);
+        if (buffer->address != number(addr))
+            buffer->address = number(addr);
         return 0;
     },
-    [](void *, cache_handle_t, bufaddr_t) -> cache_buf_t * { return malloc(sizeof(Buffer)); },
+    [](void *, cache_handle_t, bufaddr_t) -> cache_buf_t * { return calloc(1, sizeof(Buffer)); },
     [](void *, cache_buf_t *buf) { free(buf); },
     [](void *, cache_buf_t *, cache_lock_t *lock) { pthread_mutex_lock(&lock->mutex); },
     [](void *, cache_buf_t *, cache_lock_t *lock) {

@@ -21,22 +21,29 @@
 //
 // Locks, in the order in which they are taken: a record's lock, c_lru_lock, a bucket's h_lock.
 //
-//     the record's lock    the buffer, rec_buffer, rec_addr and rec_slot. Every move in the
+//     the record's lock    the buffer, rec_buffer, rec_addr and rec_place. Every move in the
 //                          drawing is made by a thread that has this lock.
-//     c_lru_lock           the lists, rec_list, the target and the counters. All moves.
-//     h_lock               the chain with its index and h_gen; rec_slot changes under the
-//                          record's lock and h_lock together.
+//     c_lru_lock           the lists, rec_list, the target and the counters. All moves, and all
+//                          changes of chains.
+//     h_lock               the chain with its places in the index, rec_place and h_gen: lookups
+//                          without c_lru_lock.
 //     rec_ref              atomic: changed under h_lock, read under c_lru_lock.
 //
 // Under c_lru_lock and h_lock records are tried and never waited for. A lookup that waits for a
 // record holds rec_ref and no lock; the record may be discarded and used again meanwhile, so that
-// the lookup looks at it anew: it must still be in the chain (rec_slot) and have the address. A
-// lookup that has to wait for somebody to release a victim holds nothing either; it begins again
-// afterwards.
+// the lookup looks at it anew: it must still be in its place of the chain (rec_place) and have the
+// address. A lookup that has to wait for somebody to release a victim holds nothing either; it
+// begins again afterwards.
 //
 // A chain is one list in which the records with the same place in the chain's index (more bits of
 // the hash) stand together; the index leads to the first of them, so that a chain of a hundred
 // records is searched in a step or two.
+//
+// A hit takes no h_lock: it follows the index as it is at the moment, tries the record that it
+// comes to, and looks whether that is the right one when it has its lock. Records are never freed,
+// so that nothing else can go wrong. What it reads on the way is atomic: the index, rec_hash.next,
+// rec_hashval, rec_place, and the links of the lists, whose neighbours it fetches. Only where that
+// leads to nothing does a lookup take h_lock, or, for a miss, search again under c_lru_lock.
 //
 // A record is made whole, hashed and on its list, while it is locked and before a new buffer for it
 // is allocated and filled; whoever finds it waits. So nothing is allocated under a lock that others
@@ -48,17 +55,24 @@
 
 #include "internal/assert.h"
 #include "internal/cache.h"
+#include "internal/pages.h"
 
 #include <algorithm>
 #include <atomic>
 #include <bit>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #define CACHE_COMPARE(cache, a, b) ((cache)->c_functions->c_compare_fn((a), (b)))
 
+using koutil::prefer_huge_pages;
+
 namespace
 {
+
+// Records that a lookup without a lock looks at: more than it meets unless others move them.
+constexpr int kPeekSteps = 8;
 
 constexpr size_t kFixedPart = offsetof(lru_rec_t, rec_addr);
 static_assert(kFixedPart <= 128 && kFixedPart % 8 == 0);
@@ -98,15 +112,27 @@ std::atomic_ref<int32_t> references(lru_rec_t *rec)
     return std::atomic_ref(rec->rec_ref);
 }
 
-// Lookups read the buffer's address for the lock functions before they have the record's lock.
+// Reads and writes what lookups read without its lock.
+template <typename T>
+T get(T &field)
+{
+    return std::atomic_ref(field).load(std::memory_order_relaxed);
+}
+
+template <typename T>
+void set(T &field, std::type_identity_t<T> value)
+{
+    std::atomic_ref(field).store(value, std::memory_order_relaxed);
+}
+
 cache_buf_t *buffer_of(lru_rec_t *rec)
 {
-    return std::atomic_ref(rec->rec_buffer).load(std::memory_order_relaxed);
+    return get(rec->rec_buffer);
 }
 
 void set_buffer(lru_rec_t *rec, cache_buf_t *buffer)
 {
-    std::atomic_ref(rec->rec_buffer).store(buffer, std::memory_order_relaxed);
+    set(rec->rec_buffer, buffer);
 }
 
 bool try_record(cache_t *cache, lru_rec_t *rec, void *ptr)
@@ -126,39 +152,49 @@ void unlock_record(cache_t *cache, lru_rec_t *rec, void *ptr)
 
 // The address hash. What a hit goes through is inlined into it, so that keys stay in registers.
 
-// An address with its hash, its chain and its place in the chain's index.
+// An address with its hash and its place in the index, counted from 1, which tells its chain.
 struct Key {
     bufaddr_t addr;
     uint64_t hash;
-    hbucket_t *bucket;
-    lru_rec_t **slot;
+    uint32_t place;
 };
-
-hbucket_t *bucket_of_slot(cache_t *cache, lru_rec_t **slot)
-{
-    return &cache->c_buckets[(slot - cache->c_index) >> cache->c_index_bits];
-}
 
 [[gnu::always_inline]] inline Key make_key(cache_t *cache, bufaddr_t addr)
 {
     __extension__ using uint128 = unsigned __int128;
     const uint64_t hash = cache->c_functions->c_hash_fn(addr);
-    const auto count = static_cast<uint64_t>(cache->c_bucket_cnt);
+    const auto count = static_cast<uint64_t>(cache->c_chains);
     // Division by multiplication; the quotient comes out right or one too small.
-    auto quotient = static_cast<uint64_t>(uint128{hash} * cache->c_reciprocal >> 64);
+    const auto quotient = static_cast<uint64_t>(uint128{hash} * cache->c_reciprocal >> 64);
     uint64_t number = hash - quotient * count;
-    if (number >= count) {
+    if (number >= count)
         number -= count;
-        quotient++;
-    }
-    const uint64_t mixed = quotient * 0x9E3779B97F4A7C15;
-    const uint64_t place = cache->c_index_bits > 0 ? mixed >> (64 - cache->c_index_bits) : 0;
-    const Key key = {addr, hash, &cache->c_buckets[number],
-                     &cache->c_index[(number << cache->c_index_bits) + place]};
-    // The lock is an atomic operation, behind which nothing is loaded ahead.
-    __builtin_prefetch(key.slot);
-    __builtin_prefetch(key.bucket);
-    return key;
+    // Mixed anew, so that a hash that is poor in its upper bits does for the index, too.
+    const uint64_t further = hash * 0x9E3779B97F4A7C15 >> (64 - cache->c_index_bits);
+    return {addr, hash, static_cast<uint32_t>((number << cache->c_index_bits) + further + 1)};
+}
+
+hbucket_t *bucket_of(cache_t *cache, uint32_t place)
+{
+    return &cache->c_buckets[(place - 1) >> cache->c_index_bits];
+}
+
+lru_rec_t *record_at(cache_t *cache, size_t number)
+{
+    return reinterpret_cast<lru_rec_t *>(reinterpret_cast<char *>(cache->lru_records) +
+                                         number * cache->c_record_bytes);
+}
+
+// The first record of a place, or null.
+lru_rec_t *first_at(cache_t *cache, uint32_t place)
+{
+    const uint32_t number = get(cache->c_index[place]);
+    return number > 0 ? record_at(cache, number - 1) : nullptr;
+}
+
+void set_first(cache_t *cache, uint32_t place, lru_rec_t *rec)
+{
+    set(cache->c_index[place], rec ? rec->rec_number : 0);
 }
 
 bool has_address(cache_t *cache, lru_rec_t *rec, const Key &key)
@@ -166,50 +202,56 @@ bool has_address(cache_t *cache, lru_rec_t *rec, const Key &key)
     return rec->rec_hashval == key.hash && CACHE_COMPARE(cache, key.addr, rec->rec_addr) == 0;
 }
 
-// Under the bucket's lock. Returns the record of the address, or null.
-[[gnu::always_inline]] inline lru_rec_t *find_in_chain(cache_t *cache, const Key &key)
+// Under the bucket's lock or c_lru_lock. Returns the record of the address, or null.
+lru_rec_t *find_in_chain(cache_t *cache, const Key &key)
 {
-    for (lru_rec_t *rec = *key.slot; rec && rec->rec_slot == key.slot; rec = rec->rec_hash.next) {
-        __builtin_prefetch(&rec->rec_mutex);
-        if (has_address(cache, rec, key)) {
-            __builtin_prefetch(buffer_of(rec));
+    lru_rec_t *rec = first_at(cache, key.place);
+    for (; rec && rec->rec_place == key.place; rec = rec->rec_hash.next) {
+        if (has_address(cache, rec, key))
             return rec;
-        }
     }
     return nullptr;
 }
 
-// Under the bucket's lock and the record's.
-void link_to_chain(const Key &key, lru_rec_t *rec)
+// Under c_lru_lock and the record's lock.
+void link_to_chain(cache_t *cache, const Key &key, lru_rec_t *rec)
 {
-    lru_rec_t *next = *key.slot ? *key.slot : key.bucket->h_list;
+    hbucket_t *bucket = bucket_of(cache, key.place);
+    lock(bucket->h_lock);
+    lru_rec_t *first = first_at(cache, key.place);
+    lru_rec_t *next = first ? first : bucket->h_list;
     lru_rec_t *prev = next ? next->rec_hash.prev : nullptr;
-    rec->rec_hash = {next, prev};
-    (prev ? prev->rec_hash.next : key.bucket->h_list) = rec;
+    set(rec->rec_hashval, key.hash);
+    set(rec->rec_place, key.place);
+    set(rec->rec_hash.next, next);
+    rec->rec_hash.prev = prev;
+    set(prev ? prev->rec_hash.next : bucket->h_list, rec);
     if (next)
         next->rec_hash.prev = rec;
-    *key.slot = rec;
-    rec->rec_slot = key.slot;
-    add(key.bucket->h_gen, 1);
-    key.bucket->h_depth++;
+    set_first(cache, key.place, rec);
+    add(bucket->h_gen, 1);
+    bucket->h_depth++;
+    unlock(bucket->h_lock);
 }
 
-// With the record's lock held.
+// Under c_lru_lock and the record's lock.
 void remove_from_chain(cache_t *cache, lru_rec_t *rec)
 {
-    if (!rec->rec_slot)
+    const uint32_t place = rec->rec_place;
+    if (place == 0)
         return;
-    hbucket_t *bucket = bucket_of_slot(cache, rec->rec_slot);
+    hbucket_t *bucket = bucket_of(cache, place);
     lock(bucket->h_lock);
     lru_rec_t *next = rec->rec_hash.next;
     lru_rec_t *prev = rec->rec_hash.prev;
-    if (*rec->rec_slot == rec)
-        *rec->rec_slot = next && next->rec_slot == rec->rec_slot ? next : nullptr;
-    (prev ? prev->rec_hash.next : bucket->h_list) = next;
+    if (first_at(cache, place) == rec)
+        set_first(cache, place, next && next->rec_place == place ? next : nullptr);
+    set(prev ? prev->rec_hash.next : bucket->h_list, next);
     if (next)
         next->rec_hash.prev = prev;
-    rec->rec_hash = {nullptr, nullptr};
-    rec->rec_slot = nullptr;
+    set(rec->rec_hash.next, nullptr);
+    rec->rec_hash.prev = nullptr;
+    set(rec->rec_place, 0);
     bucket->h_depth--;
     unlock(bucket->h_lock);
 }
@@ -219,20 +261,20 @@ enum class Found { Absent, Busy, Locked };
 struct Lookup {
     Found found;
     lru_rec_t *rec; // locked, when found
-    int32_t gen;    // the chain's generation when it was searched
 };
 
 // Waits for a record that was found under the bucket's lock, which is held on entry and released.
 // Returns whether the record is locked and still the address's.
 [[gnu::noinline]] bool wait_for_record(cache_t *cache, const Key &key, lru_rec_t *match, void *ptr)
 {
+    hbucket_t *bucket = bucket_of(cache, key.place);
     references(match).fetch_add(1);
-    unlock(key.bucket->h_lock);
+    unlock(bucket->h_lock);
     lock_record(cache, match, ptr);
-    lock(key.bucket->h_lock);
-    const bool same = match->rec_slot == key.slot && has_address(cache, match, key);
+    lock(bucket->h_lock);
+    const bool same = match->rec_place == key.place && has_address(cache, match, key);
     references(match).fetch_sub(1);
-    unlock(key.bucket->h_lock);
+    unlock(bucket->h_lock);
     if (!same) {
         unlock_record(cache, match, ptr);
         return false;
@@ -243,24 +285,51 @@ struct Lookup {
 }
 
 // Looks an address up and locks its record.
-[[gnu::always_inline]] inline Lookup hash_buffer_find(cache_t *cache, const Key &key, void *ptr,
-                                                      bool trylock)
+[[gnu::noinline]] Lookup hash_buffer_find(cache_t *cache, const Key &key, void *ptr, bool trylock)
 {
+    hbucket_t *bucket = bucket_of(cache, key.place);
     for (;;) {
-        lock(key.bucket->h_lock);
-        const int32_t gen = key.bucket->h_gen;
+        lock(bucket->h_lock);
         lru_rec_t *rec = find_in_chain(cache, key);
         if (!rec || try_record(cache, rec, ptr)) {
-            unlock(key.bucket->h_lock);
-            return {rec ? Found::Locked : Found::Absent, rec, gen};
+            unlock(bucket->h_lock);
+            return {rec ? Found::Locked : Found::Absent, rec};
         }
         if (trylock) {
-            unlock(key.bucket->h_lock);
-            return {Found::Busy, nullptr, gen};
+            unlock(bucket->h_lock);
+            return {Found::Busy, nullptr};
         }
         if (wait_for_record(cache, key, rec, ptr))
-            return {Found::Locked, rec, gen};
+            return {Found::Locked, rec};
     }
+}
+
+// Looks an address up without the bucket's lock. What it reads of a record on the way may change
+// at any time; but records are never freed, so that at worst it locks a wrong one, and sees that
+// when it has the lock. Returns the locked record, or null: the address may be known nevertheless.
+[[gnu::always_inline]] inline lru_rec_t *peek(cache_t *cache, const Key &key, void *ptr)
+{
+    lru_rec_t *rec = first_at(cache, key.place);
+    for (int steps = 0; rec && steps < kPeekSteps; steps++) {
+        __builtin_prefetch(&rec->rec_mutex);
+        if (get(rec->rec_hashval) == key.hash) {
+            // What moving the record to another place in its list will write.
+            __builtin_prefetch(get(rec->rec_lru.next));
+            __builtin_prefetch(get(rec->rec_lru.prev));
+            cache_buf_t *buffer = buffer_of(rec);
+            __builtin_prefetch(buffer);
+            if (!cache->c_functions->c_trylock_fn(ptr, buffer, &rec->rec_mutex))
+                return nullptr;
+            if (rec->rec_place == key.place && has_address(cache, rec, key))
+                return rec;
+            unlock_record(cache, rec, ptr);
+            return nullptr;
+        }
+        if (get(rec->rec_place) != key.place)
+            return nullptr;
+        rec = get(rec->rec_hash.next);
+    }
+    return nullptr;
 }
 
 // The lists, all under c_lru_lock
@@ -279,15 +348,16 @@ void unlink_from_list(lru_list_t &list, lru_rec_t *rec)
 {
     lru_rec_t *next = rec->rec_lru.next;
     lru_rec_t *prev = rec->rec_lru.prev;
-    (prev ? prev->rec_lru.next : list.lru_queue.head) = next;
-    (next ? next->rec_lru.prev : list.lru_queue.tail) = prev;
+    set(prev ? prev->rec_lru.next : list.lru_queue.head, next);
+    set(next ? next->rec_lru.prev : list.lru_queue.tail, prev);
 }
 
 void link_to_list(lru_list_t &list, lru_rec_t *rec)
 {
     lru_rec_t *first = list.lru_queue.head;
-    rec->rec_lru = {first, nullptr};
-    (first ? first->rec_lru.prev : list.lru_queue.tail) = rec;
+    set(rec->rec_lru.next, first);
+    set(rec->rec_lru.prev, nullptr);
+    set(first ? first->rec_lru.prev : list.lru_queue.tail, rec);
     list.lru_queue.head = rec;
 }
 
@@ -310,7 +380,7 @@ void insert_in_list(cache_t *cache, int index, lru_rec_t *rec)
 }
 
 // Puts a record at the head of a list; the list's counters move only when it was on another.
-void move_to_head(cache_t *cache, int index, lru_rec_t *rec)
+[[gnu::always_inline]] inline void move_to_head(cache_t *cache, int index, lru_rec_t *rec)
 {
     lru_list_t &list = cache->c_lists[index];
     if (list.lru_queue.head == rec)
@@ -537,16 +607,11 @@ Next take_free_record(cache_t *cache, Request &request)
     return request.rec && !request.trylock ? Next::WaitRecord : Next::NoFreeRecord;
 }
 
-Next place_miss(cache_t *cache, Request &request, const Key &key, int32_t gen)
+Next place_miss(cache_t *cache, Request &request, const Key &key)
 {
-    // Insertions are made under c_lru_lock, so the generation stands still here.
-    if (key.bucket->h_gen != gen) {
-        lock(key.bucket->h_lock);
-        const bool inserted = find_in_chain(cache, key) != nullptr;
-        unlock(key.bucket->h_lock);
-        if (inserted)
-            return Next::Again;
-    }
+    // Chains change under c_lru_lock, so this is the last word.
+    if (find_in_chain(cache, key))
+        return Next::Again;
     const bool first = count(request, Kind::Miss, cache->c_cache_miss);
     const int victim_list = victim_list_of_miss(cache, first);
     if (victim_list >= 0 && !evict_for(cache, request, victim_list))
@@ -557,12 +622,9 @@ Next place_miss(cache_t *cache, Request &request, const Key &key, int32_t gen)
 
     lru_rec_t *rec = request.rec;
     memcpy(rec->rec_addr, key.addr, static_cast<size_t>(cache->c_addr_size));
-    rec->rec_hashval = key.hash;
     set_buffer(rec, request.spare);
     request.spare = nullptr;
-    lock(key.bucket->h_lock);
-    link_to_chain(key, rec);
-    unlock(key.bucket->h_lock);
+    link_to_chain(cache, key, rec);
     move_to_head(cache, CACHE_LIST_RU, rec);
     return Next::Done;
 }
@@ -628,9 +690,8 @@ lru_rec_t *find_record(cache_t *cache, Request &request, const Key &key, Lookup 
 {
     while (lookup.found != Found::Busy) {
         lock(cache->c_lru_lock);
-        const Next next = lookup.found == Found::Absent
-                              ? place_miss(cache, request, key, lookup.gen)
-                              : place_hit(cache, request, lookup.rec);
+        const Next next = lookup.found == Found::Absent ? place_miss(cache, request, key)
+                                                        : place_hit(cache, request, lookup.rec);
         unlock(cache->c_lru_lock);
         if (next == Next::Done)
             return request.rec;
@@ -644,10 +705,11 @@ lru_rec_t *find_record(cache_t *cache, Request &request, const Key &key, Lookup 
 }
 
 // All that is no plain hit. Apart, so that a hit does not pay for its frame.
-[[gnu::noinline]] lru_rec_t *find_or_make(cache_t *cache, const Key &key, const Lookup &lookup,
+[[gnu::noinline]] lru_rec_t *find_or_make(cache_t *cache, const Key &key, lru_rec_t *peeked,
                                           void *ptr, bool trylock)
 {
     Request request{ptr, trylock};
+    const Lookup lookup = {peeked ? Found::Locked : Found::Absent, peeked};
     lru_rec_t *rec = find_record(cache, request, key, lookup);
     // A record that was found with its buffer, or none at all, has no use for the spare one.
     for (cache_buf_t *buffer : {request.spare, request.surplus}) {
@@ -682,12 +744,6 @@ bool fill(cache_t *cache, lru_rec_t *rec, bufaddr_t addr, int flags)
 
 // Creation and destruction
 
-lru_rec_t *record_at(cache_t *cache, size_t index)
-{
-    return reinterpret_cast<lru_rec_t *>(reinterpret_cast<char *>(cache->lru_records) +
-                                         index * cache->c_record_bytes);
-}
-
 size_t record_count(const cache_t *cache)
 {
     return 2 * static_cast<size_t>(cache->c_entries);
@@ -710,11 +766,13 @@ bool init_buckets(cache_t *cache, int32_t *ready)
 {
     cache->c_bucket_cnt = bucket_count(cache->c_entries);
     const auto count = static_cast<size_t>(cache->c_bucket_cnt);
+    cache->c_chains = cache->c_bucket_cnt;
     cache->c_reciprocal = UINT64_MAX / count;
-    cache->c_index_bits = static_cast<int32_t>(std::bit_width((record_count(cache) - 1) / count));
+    cache->c_index_bits =
+        std::max(1, static_cast<int32_t>(std::bit_width((record_count(cache) - 1) / count)));
     cache->c_buckets = static_cast<hbucket_t *>(calloc(count, sizeof(hbucket_t)));
     cache->c_index =
-        static_cast<lru_rec_t **>(calloc(count << cache->c_index_bits, sizeof(lru_rec_t *)));
+        static_cast<uint32_t *>(calloc((count << cache->c_index_bits) + 1, sizeof(uint32_t)));
     if (!cache->c_buckets || !cache->c_index)
         return false;
     for (; *ready < cache->c_bucket_cnt; ++*ready) {
@@ -731,12 +789,14 @@ bool init_records(cache_t *cache, size_t *ready)
     cache->lru_records = static_cast<lru_rec_t *>(calloc(count, cache->c_record_bytes));
     if (!cache->lru_records)
         return false;
+    prefer_huge_pages(cache->lru_records, count * cache->c_record_bytes);
     cache->lru_record_size =
         static_cast<int32_t>(std::min<size_t>(count * cache->c_record_bytes, INT32_MAX));
     for (; *ready < count; ++*ready) {
         lru_rec_t *rec = record_at(cache, *ready);
         if (vo_thread_mutex_init(&rec->rec_mutex, nullptr) != 0)
             return false;
+        rec->rec_number = static_cast<uint32_t>(*ready + 1);
         insert_in_list(cache, CACHE_LIST_FREE, rec);
     }
     return true;
@@ -777,12 +837,11 @@ cache_handle_t cache_buffer_find(cache_t *cache, bufaddr_t addr, void *ptr, int 
                                  int populate_flags)
 {
     const Key key = make_key(cache, addr);
-    const Lookup lookup = hash_buffer_find(cache, key, ptr, trylock != 0);
-    lru_rec_t *rec = lookup.rec;
+    lru_rec_t *rec = peek(cache, key, ptr);
     if (rec && buffer_of(rec)) {
         touch_cached(cache, rec);
     } else {
-        rec = find_or_make(cache, key, lookup, ptr, trylock != 0);
+        rec = find_or_make(cache, key, rec, ptr, trylock != 0);
     }
     if (!rec)
         return nullptr;
@@ -854,7 +913,7 @@ const char *check_record(lru_rec_t *rec, int list)
         return "a record is on another list than it says";
     if (references(rec).load() != 0)
         return "a record is waited for";
-    if ((rec->rec_slot != nullptr) != (list != CACHE_LIST_FREE))
+    if ((rec->rec_place != 0) != (list != CACHE_LIST_FREE))
         return "a record is hashed and free, or neither";
     if ((buffer_of(rec) != nullptr) != cached)
         return "a cached record has no buffer, or another one has";
@@ -883,7 +942,8 @@ const char *check_list(cache_t *cache, int index)
 const char *check_chain_record(cache_t *cache, hbucket_t *bucket, lru_rec_t *rec)
 {
     const Key key = make_key(cache, rec->rec_addr);
-    if (key.bucket != bucket || key.slot != rec->rec_slot || key.hash != rec->rec_hashval)
+    if (bucket_of(cache, key.place) != bucket || key.place != rec->rec_place ||
+        key.hash != rec->rec_hashval)
         return "a record is in another chain than its address";
     // The newest record of an address is found first, so each must find itself.
     if (find_in_chain(cache, key) != rec)

@@ -13,12 +13,12 @@
 
 #include "internal/hash_table.h"
 #include "internal/literal.h"
+#include "internal/pages.h"
 #include "koutil/logger.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <sys/mman.h>
 
 namespace koutil
 {
@@ -34,21 +34,10 @@ static_assert(kValueOffset == 16 && sizeof(bucket_t) == 24);
 constexpr size_t kSlabHeader = 16; // the link to the next slab; keeps entries aligned as by malloc
 constexpr size_t kSlabSmallest = 264;
 constexpr size_t kSlabLargest = 65520;
-constexpr size_t kHugePage = size_t{2} << 20;
 
 constexpr size_t round_up(size_t size, size_t unit)
 {
     return (size + unit - 1) / unit * unit;
-}
-
-// Asks for huge pages where a block covers some: a large table is read all over, and most of the
-// time of a step goes into finding the page. It is a wish that may be refused.
-void prefer_huge_pages(void *block, size_t size)
-{
-    const auto begin = round_up(reinterpret_cast<uintptr_t>(block), kHugePage);
-    const auto end = (reinterpret_cast<uintptr_t>(block) + size) / kHugePage * kHugePage;
-    if (end > begin)
-        (void)madvise(reinterpret_cast<void *>(begin), end - begin, MADV_HUGEPAGE);
 }
 
 // The size of the next slab: a share of what the table has, in whole huge pages for a large table.

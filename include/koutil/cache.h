@@ -104,7 +104,8 @@ typedef struct lru_rec {
     cache_lock_t rec_mutex;    /* taken and released through the caller's functions only */
     cache_buf_t *rec_buffer;   /* null for ghosts and free records */
     uint64_t rec_hashval;      /* private: the hash of the address */
-    struct lru_rec **rec_slot; /* private: its place in the index of its chain; null in no chain */
+    uint32_t rec_number;       /* private: counted from 1 */
+    uint32_t rec_place;        /* private: its place in the index of chains; 0 in no chain */
     unsigned char rec_addr[8]; /* the address; records are allocated with the cache's size of it */
 } lru_rec_t;
 
@@ -142,14 +143,16 @@ typedef struct cache {
     int32_t c_addr_size;             /* bytes of an address */
     cache_lock_t c_lru_lock;         /* guards the lists, the target and the counters */
     lru_list_t c_lists[CACHE_LISTS]; /* by CACHE_LIST_... */
+    char c_apart[64];                /* parts what changes from what lookups only read */
     lru_rec_t *lru_records;          /* all records, in one block */
     int32_t lru_record_size;         /* bytes of all records; INT32_MAX where it is more */
     cache_fn_vec_t *c_functions;     /* the caller's functions */
     void *c_handle;                  /* as given to cache_init */
-    struct lru_rec **c_index;        /* private */
+    uint32_t *c_index;               /* private */
     uint64_t c_reciprocal;           /* private */
     size_t c_record_bytes;           /* private */
     int32_t c_index_bits;            /* private */
+    int32_t c_chains;                /* private: c_bucket_cnt */
 } cache_t;
 
 /* Create a cache of at most `entries` buffers for addresses of `addr_size` bytes. `functions` must
