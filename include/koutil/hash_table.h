@@ -113,9 +113,9 @@ KO_API void ko_hash_info(void *hash);
 /* Destroy every entry, with what it owns, and the table. Any kind of table; null is allowed. */
 KO_API void ko_hash_destroy(void *hash);
 
-/* The hash of a name: from 0, for each byte, taken as signed, hash * 65599 + byte.
+/* Hash a terminated name.
  *
- * Requires: `key` is a terminated name. */
+ * Returns what comes of 0 by hash * 65599 + byte for each byte, taken as signed. */
 KO_API uint32_t ko_name_hash(const void *key);
 
 KO_END_DECLS

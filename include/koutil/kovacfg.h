@@ -50,9 +50,9 @@ KO_BEGIN_DECLS
 
 /* The form of a file; every value other than the first two means CFGTYPE_VALUES. */
 typedef uint32_t KovaCfgType_t;
-#define CFGTYPE_ASSIGN 2u
-#define CFGTYPE_WORDS  3u
-#define CFGTYPE_VALUES 0u
+#define CFGTYPE_ASSIGN 2u /* name=value */
+#define CFGTYPE_WORDS  3u /* name value value ... */
+#define CFGTYPE_VALUES 0u /* value=value ... */
 
 /* The most values of an entry. */
 #define KOVACFG_MAX_VALS 64

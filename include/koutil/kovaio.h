@@ -51,9 +51,9 @@ typedef uint32_t KovaFlgs_t;
 
 /* What a path names: one of the values below. */
 typedef unsigned int KovaFiType_t;
-#define KOVA_FITYPE_OTHER   0u
-#define KOVA_FITYPE_REGULAR 1u
-#define KOVA_FITYPE_DIR     2u
+#define KOVA_FITYPE_OTHER   0u /* anything else */
+#define KOVA_FITYPE_REGULAR 1u /* a regular file */
+#define KOVA_FITYPE_DIR     2u /* a directory */
 
 /* An open file. */
 typedef struct KovaHndl_s {

@@ -115,18 +115,18 @@ typedef struct _mntargs {
 
 /* Bits of ma_mountoptions. VoMntArgsMntOptsAutoSet derives the ..._CHANGED ones: each says that
  * its tunables are not at their defaults. */
-#define MNTOPT_MAXDMAIOS_CHANGED    UINT64_C(0x1000)
-#define MNTOPT_MEMALIGN_CHANGED     UINT64_C(0x8000)
-#define MNTOPT_BLKBUFSIZE_CHANGED   UINT64_C(0x10000)
-#define MNTOPT_DIRCACHESIZE_CHANGED UINT64_C(0x100000)
-#define MNTOPT_AUTODMARD_CHANGED    UINT64_C(0x200000)
-#define MNTOPT_AUTODMAWR_CHANGED    UINT64_C(0x400000)
-#define MNTOPT_READAHEAD_CHANGED    UINT64_C(0x800000)
-#define MNTOPT_CACHE_CHANGED        UINT64_C(0x2000000)   /* cachemax, cachelow or cachehigh */
-#define MNTOPT_TOVAN_CLIENT         UINT64_C(0x80000000)  /* the mount uses the TOVAN proxy */
-#define MNTOPT_TOVAN_SERVER         UINT64_C(0x100000000) /* the host serves as TOVAN proxy */
-#define MNTOPT_IOPENALTY_CHANGED    UINT64_C(0x1000000000)
-#define MNTOPT_IORETRY_CHANGED      UINT64_C(0x2000000000)
+#define MNTOPT_MAXDMAIOS_CHANGED    UINT64_C(0x1000)       /* ma_max_dma_ios */
+#define MNTOPT_MEMALIGN_CHANGED     UINT64_C(0x8000)       /* ma_memalign */
+#define MNTOPT_BLKBUFSIZE_CHANGED   UINT64_C(0x10000)      /* ma_blkbufsize */
+#define MNTOPT_DIRCACHESIZE_CHANGED UINT64_C(0x100000)     /* ma_dircachesize */
+#define MNTOPT_AUTODMARD_CHANGED    UINT64_C(0x200000)     /* ma_auto_dma_read_length */
+#define MNTOPT_AUTODMAWR_CHANGED    UINT64_C(0x400000)     /* ma_auto_dma_write_length */
+#define MNTOPT_READAHEAD_CHANGED    UINT64_C(0x800000)     /* ma_buffercache_readahead */
+#define MNTOPT_CACHE_CHANGED        UINT64_C(0x2000000)    /* cachemax, cachelow or cachehigh */
+#define MNTOPT_TOVAN_CLIENT         UINT64_C(0x80000000)   /* the mount uses the TOVAN proxy */
+#define MNTOPT_TOVAN_SERVER         UINT64_C(0x100000000)  /* the host serves as TOVAN proxy */
+#define MNTOPT_IOPENALTY_CHANGED    UINT64_C(0x1000000000) /* ma_io_penalty_time */
+#define MNTOPT_IORETRY_CHANGED      UINT64_C(0x2000000000) /* ma_io_retry_time */
 
 /* The kind of a field. Signed and unsigned kinds of one width are handled alike: as unsigned. */
 typedef enum {

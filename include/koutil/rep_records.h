@@ -52,13 +52,13 @@ KO_BEGIN_DECLS
 /* Version in every stream header. */
 #define REP_STREAM_VERSION 5
 
-/* Magics. The last two belong to records that the replication services build themselves. */
-#define REP_HEADER_MAGIC    0xFACEBABEu
-#define REP_CMD_MAGIC       0xBAADF00Du
-#define REP_FILE_MAGIC      0xCAFEFEEDu
-#define REP_SD_MAGIC        0xBAADDEEDu
-#define REP_SERVICE_MAGIC_1 0xCAFEBEADu
-#define REP_SERVICE_MAGIC_2 0xCAFEFACEu
+/* Magics: what a record begins with. */
+#define REP_HEADER_MAGIC    0xFACEBABEu /* stream header */
+#define REP_CMD_MAGIC       0xBAADF00Du /* command */
+#define REP_FILE_MAGIC      0xCAFEFEEDu /* file, extended file and namespace record */
+#define REP_SD_MAGIC        0xBAADDEEDu /* security-descriptor mapping */
+#define REP_SERVICE_MAGIC_1 0xCAFEBEADu /* the replication services' own */
+#define REP_SERVICE_MAGIC_2 0xCAFEFACEu /* the replication services' own */
 
 /* Record types with a meaning of their own. */
 #define REP_TYPE_IP         5  /* a file record that always keeps its data count */
@@ -66,14 +66,14 @@ KO_BEGIN_DECLS
 #define REP_TYPE_SD_MAPPING 20 /* a security-descriptor mapping */
 
 /* Lengths of the fixed parts on the wire. */
-#define REP_HEADER_LEN     32
-#define REP_CMD_LEN        8
-#define REP_FILE_LEN       96
-#define REP_FILE_INFO_LEN  112
-#define REP_NS_FILE_LEN    48
-#define REP_SD_MAPPING_LEN 20
-#define REP_BLOB_LEN       40
-#define REP_SMALL_BLOB_LEN 28
+#define REP_HEADER_LEN     32  /* rep_header_t */
+#define REP_CMD_LEN        8   /* rep_cmd_t, without payload */
+#define REP_FILE_LEN       96  /* rep_file_t, without name */
+#define REP_FILE_INFO_LEN  112 /* file_info_t, without name */
+#define REP_NS_FILE_LEN    48  /* rep_ns_file_t, without name */
+#define REP_SD_MAPPING_LEN 20  /* rep_sd_mapping_t, without descriptor */
+#define REP_BLOB_LEN       40  /* rep_blob_t */
+#define REP_SMALL_BLOB_LEN 28  /* rep_small_blob_t */
 
 /* Trailing parts are flexible arrays, an extension in C++. */
 #if defined(__cplusplus) && defined(__clang__)
