@@ -143,7 +143,7 @@ class Receive(Step):
 def trace(step, *options):
     """The step's calls from its beginning on: name, arguments, result; and the place of each."""
     path = f"{step.dir}.trace"
-    status, acknowledged = step.run(["strace", "-f", "-qq", "-o", path, "-e", "trace=" + TRACED,
+    status, _ = step.run(["strace", "-f", "-qq", "-o", path, "-e", "trace=" + TRACED,
                                      *options])
     check(status == 0, type(step).__name__, "ends with", status)
     with open(path, encoding="latin1") as file:
@@ -155,13 +155,13 @@ def trace(step, *options):
             seen[match[1]] = seen.get(match[1], 0) + 1
             if calls or step.begin in line:
                 calls.append((match[1], seen[match[1]], line))
-    return calls[1:], acknowledged
+    return calls[1:]
 
 
 def kill_all(make, stride):
     step = make(f"{WORK}/{make.__name__}")
     step.prepare()
-    calls, _ = trace(step)
+    calls = trace(step)
 
     def kill_at(number):
         name, count, line = calls[number]
@@ -280,7 +280,7 @@ def replay(disk, files, line):
 def cut_power(make):
     step = make(f"{WORK}/{make.__name__}.recorded")
     step.prepare()
-    calls, _ = trace(step, "-y", "-s", "1000000")
+    calls = trace(step, "-y", "-s", "1000000")
     disk = Disk({f"{step.dir}/{name}": texts for name, texts in step.targets.items()})
     files, told, states = {}, False, 0
     for _, _, line in calls:

@@ -1,6 +1,6 @@
 # What the harnesses of the example programs share: an installation with a running daemon, its
 # clients, and what a process holds.
-import ctypes
+import atexit
 import glob
 import os
 import re
@@ -78,8 +78,6 @@ class Daemon:
     """fsmd with its watcher, a child of this process, in a directory of its own."""
 
     def __init__(self, programs, directory, patience, options, blocks=256):
-        # A daemon whose watcher has gone is this process's to collect.
-        ctypes.CDLL(None).prctl(36, 1, 0, 0, 0)
         self.dir = directory
         os.makedirs(directory + "/config")
         self.write("fsports", "minport 24000\nmaxport 24999\n")
@@ -88,6 +86,9 @@ class Daemon:
         self.watcher = subprocess.Popen(
             [programs + "/fsmd", "-o", f"blocks={blocks},{options}", "data1"],
             env=dict(os.environ, VORNROOT=directory, WATCHER_NODETACH="1"))
+        # After a fault: a watcher that is told to end takes the daemon with it.
+        atexit.register(lambda: self.watcher.poll() is None and
+                        (self.watcher.terminate(), self.watcher.wait()))
         self.meet()
         with open(directory + "/data/data1.img", "rb") as image:
             self.image = image.read()
@@ -113,24 +114,14 @@ class Daemon:
 
     def stop(self):
         os.kill(self.pid, signal.SIGTERM)
-        try:
-            status = self.watcher.wait(15)
-        except subprocess.TimeoutExpired:
-            status = "no end"
-            self.watcher.kill()
-            os.kill(self.pid, signal.SIGKILL)
-        try:
-            os.waitpid(self.pid, os.WNOHANG)
-        except ChildProcessError:
-            pass
-        return status
+        return self.watcher.wait(15)
 
     def block(self, number):
         return self.image[number * BLOCK:(number + 1) * BLOCK]
 
     def log_lines(self):
         """All lines of the log and its older files, oldest first; a last one without end counts."""
-        names = glob.glob(self.dir + "/**/fsmd-data1.log*", recursive=True)
+        names = glob.glob(self.dir + "/fsmd-data1.log*")
         lines = []
         for name in sorted(names, key=lambda name: -int((name.split(".log_") + ["0"])[1])):
             with open(name, errors="replace") as log:
@@ -185,6 +176,5 @@ def record_stream(programs, tree):
 
 
 def allow_descriptors():
-    _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+    most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
-    return most
