@@ -115,7 +115,8 @@ KO_API VoError_t KovaCfgClose(KovaCfg_t **KovaCfgIn, int SaveChanges, char *ErrM
  * is then opened again with the object's flags.
  *
  * A comment is written as a line of its own before its entry, with "# " in front where it does not
- * begin with '#'. In the assignment form only the first value is written. Nothing is quoted.
+ * begin with '#'. In the assignment form only the first value is written. Nothing is
+ * quoted: a value with a blank, saved in the word form, is read back as several.
  *
  * Returns 0; 22 for a line that is too long, or has too many values, to be read back; or the status
  * of what failed. Until the new text is complete a failure leaves the old file and the object as

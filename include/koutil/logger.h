@@ -92,11 +92,11 @@ KO_API void _writelog_wrapper(int level, char *msg);
  * argument of a "%s" format. `ap` is not used. */
 KO_API void _mylog_wrapper(int level, char *fmt, va_list ap);
 
-/* Print a message on standard output behind the word for `error`, a system-log priority, followed
- * by a newline, and flush: a stand-alone printer for tools without a log file.
+/* Print a message on standard output behind the word for `error`, a system-log priority, and ": ",
+ * followed by a newline, and flush: a stand-alone printer for tools without a log file.
  *
  *     0 "*Fatal*"   1 "*Alert*"   2 "*Critical*"   3 "*Error*"   4 "*Warning*"   5 "*Notice*"
- *     6 no word     7 "(Debug)"   anything else "UNKNOWN MSG TYPE-> "
+ *     6 nothing     7 "(Debug)"   anything else "UNKNOWN MSG TYPE-> "
  *
  * The message is cut at 1023 characters. */
 KO_API void mylog(int error, char *message, ...) KO_PRINTF(2, 3);
