@@ -28,7 +28,7 @@ bool enter_namespaces()
         write_file("/proc/self/setgroups", "deny");
         write_file("/proc/self/gid_map", "0 " + group + " 1");
     }
-    return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+    return mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount("none", "/etc", "tmpfs", 0, nullptr) == 0 && sethostname("mynode", 6) == 0 &&
            system("ip link set lo up 2>/dev/null") == 0;
 }
