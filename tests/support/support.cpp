@@ -14,10 +14,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#ifdef KO_COVERAGE
-extern "C" void __gcov_dump(void);
-#endif
-
 namespace support
 {
 
@@ -133,9 +129,6 @@ Outcome run_in_child(const std::function<int()> &body)
         dup2(err[1], 2);
         const int code = body();
         fflush(nullptr);
-#ifdef KO_COVERAGE
-        __gcov_dump(); // _exit would lose what the child has counted
-#endif
         _exit(code);
     }
     close(out[1]);
