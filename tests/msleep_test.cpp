@@ -48,6 +48,8 @@ TEST(Sleep, OutlastsAStormOfSignalsUnlessTheWallClockJumps)
         EXPECT_TRUE(took >= c.expected_msec && took < 10'000) << c.time << ": " << took;
     }
     signal(SIGALRM, SIG_IGN);
+    EXPECT_TRUE(monotime_cmp(7, 7) == 0 && monotime_cmp(0, UINT64_MAX) < 0 &&
+                monotime_cmp(UINT64_MAX, 0) > 0);
 }
 
 TEST(Deadline, AddsTheIncrementWithItsCarryAndBacksOff)

@@ -96,7 +96,7 @@ TEST(Options, Values)
         {"debug\r", debug, 1, "", "\r"},
         {"mode=quick", mode, 0, "", ""},
         {"t= 1 h,", interval, 3600, "", ","},
-        {"t=30m1h", interval, 5400, "", ""},
+        {"t=1w30m1h", interval, 610200, "", ""},
         {"t=1:02:03", interval, 3723, "", ""},
         {"t=0", interval, 0, "", ""},
         {"name=ab\nx,y", name, untouched, "ab\nx", ",y"},
