@@ -422,6 +422,9 @@ void interrupt(int)
 // Prints in what a file differs from what it said before.
 void print_changes(const char *file, const Facts &before, const Facts &after)
 {
+    if (before == after) { // also where a name stands twice
+        return;
+    }
     const auto find = [](const Facts &facts, const std::string &name) {
         return std::find_if(facts.begin(), facts.end(),
                             [&](const auto &fact) { return fact.first == name; });

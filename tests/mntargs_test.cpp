@@ -1,5 +1,5 @@
 // mntargs_test.cpp - the table of tunables, the checks, copies and files of mount arguments.
-#include "koutil/mntargs.h"
+#include "koutil/koutil.hpp"
 
 #include "support/support.h"
 
@@ -12,10 +12,7 @@
 namespace
 {
 
-struct Freeing {
-    void operator()(mntargs_t *args) const { VoMntArgsFree(&args); }
-};
-using Record = std::unique_ptr<mntargs_t, Freeing>;
+using Record = ko::MountArgs;
 
 // A record with its defaults and a mount point: a valid one.
 Record valid_record()
