@@ -1,4 +1,4 @@
-// steps_torture.cpp - the steps that crash.py interrupts, one a run, from the access of "/begin" on:
+// steps_torture.cpp - the steps that crash.py interrupts, one a run, from access("/begin") on:
 //
 //     steps_torture save FILE NUMBER              makes "generation NUMBER" the first line of FILE
 //     steps_torture add NAME                      adds a name to the FSM list of VORNROOT
