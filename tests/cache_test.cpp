@@ -3,7 +3,6 @@
 #include "koutil/cache.h"
 
 #include "internal/cache.h"
-#include "support/failing_malloc.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -292,20 +291,6 @@ TEST_F(Cache, AgreesWithTheModelAtEveryStep)
     }
 }
 
-TEST_F(Cache, FirstStepsOfASmallOne)
-{
-    make(2);
-    EXPECT_TRUE(touch(1) && touch(2) && touch(3));
-    EXPECT_EQ(lengths(), (std::vector<int>{2, 1, 0, 0, 1}));
-    EXPECT_TRUE(touch(1));
-    EXPECT_EQ(cache->c_ghost_hit, 1);
-    EXPECT_EQ(cache->c_target, 1);
-    EXPECT_TRUE(touch(3));
-    EXPECT_EQ(cache->c_cache_hit, 1);
-    EXPECT_EQ(cache->c_cache_miss, 3);
-    EXPECT_EQ(host.allocated, 2); // evicted buffers are used again
-}
-
 TEST_F(Cache, GhostIsFoundWhenTheListsOfBuffersAreEmpty)
 {
     make(2);
@@ -329,14 +314,7 @@ TEST_F(Cache, ChoosesItsNumberOfChainsAndRefusesWhatCannotWork)
     }
     for (const auto &[entries, addr_size] : {std::pair{0, 8}, {-1, 8}, {8, 0}, {8, -8}})
         EXPECT_EQ(cache_init(entries, &host, addr_size, &functions), nullptr);
-
     cache = nullptr;
-    int good = 0;
-    while (!cache) {
-        support::FailingMalloc failing(good++);
-        make(100);
-    }
-    EXPECT_EQ(good, 5);
 }
 
 TEST_F(Cache, TrylockDoesNotWait)

@@ -4,10 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <thread>
@@ -258,18 +256,4 @@ TEST(KovaFileCopy, CopiesEveryKindOfFileWithItsStatus)
     EXPECT_EQ(copy(from, from), 0);
     EXPECT_EQ(read_file(from), "");
     EXPECT_EQ(support::open_descriptors(), open_before);
-}
-
-TEST(KovaFileCopy, StopsAtASizeLimitWithWhatWasWritten)
-{
-    const TempDir dir;
-    write_file(dir / "from", pattern(100000));
-    const auto outcome = support::run_in_child([&] {
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{50000, 50000};
-        setrlimit(RLIMIT_FSIZE, &limit);
-        return KovaFileCopy((dir / "from").c_str(), (dir / "to").c_str());
-    });
-    EXPECT_TRUE(outcome.exited(1)) << outcome.err;
-    EXPECT_TRUE(read_file(dir / "to") == pattern(50000));
 }

@@ -54,20 +54,6 @@ TEST(IntToStr64, ChoosesTheLargestUnitAndNeverCuts)
     }
 }
 
-TEST(IntToStr64, TextsReadBackAsTheSameNumber)
-{
-    const auto check = [](int64_t value) {
-        char text[32];
-        ASSERT_EQ(IntToStr64(value, text, sizeof text), 1);
-        ASSERT_EQ(read(text), std::to_string(value)) << text;
-    };
-    for (int64_t power = 1; power <= INT64_MAX / 10; power *= 10) {
-        check(power - 1);
-        check(power);
-        check(-power - 1);
-    }
-}
-
 TEST(KoMinutesToDHM, SplitsMinutesOfEitherSign)
 {
     const auto text_of = [](int32_t minutes, size_t size = 32) {
