@@ -1,5 +1,5 @@
-// fsmd_test.cpp - the example daemon as a whole: watched, loaded, abused, reloaded, crashed,
-// stopped.
+// fsmd_test.cpp - the example daemon as a whole: watched, loaded, reloaded, crashed, stopped. Peers
+// that are slow or cut are the torture harness's.
 #include "../examples/block_store.h"
 #include "support/support.h"
 
@@ -234,8 +234,6 @@ TEST_F(Fsmd, AnswersRightlyUnderLoadAndAbuse)
     const int idle_descriptors = descriptors();
     constexpr int clients = 5;
     constexpr int requests = 400;
-    Client half(port_);
-    half.send_text("GET ");
     std::vector<std::thread> threads;
     for (int c = 0; c < clients; c++) {
         threads.emplace_back([&, c] {
@@ -246,18 +244,6 @@ TEST_F(Fsmd, AnswersRightlyUnderLoadAndAbuse)
             }
         });
     }
-    threads.emplace_back([&] { // asks for everything at once, and is slow to take it
-        Client slow(port_);
-        std::string all;
-        for (int i = 0; i < requests; i++) {
-            all += get(i) + "\r\n";
-        }
-        slow.send_text(all);
-        for (int i = 0; i < requests; i++) {
-            ASSERT_TRUE(is_block(slow.answer(), static_cast<uint64_t>(i % blocks)));
-            usleep(i % 40 == 0 ? 20'000 : 0);
-        }
-    });
     const std::string bad_requests[] = {
         "",         "GET",
         "GET -1",   "GET 64",
@@ -278,7 +264,6 @@ TEST_F(Fsmd, AnswersRightlyUnderLoadAndAbuse)
     for (auto &thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(half.answer(), ""); // dropped for its silence
 
     support::write_file(dir_ / "config/fsmlist", "data1 . 7\nhome\nmedia . 2\n");
     std::filesystem::last_write_time(dir_ / "config/fsmlist",
@@ -295,8 +280,7 @@ TEST_F(Fsmd, AnswersRightlyUnderLoadAndAbuse)
     kill(daemon_, SIGTERM); // the watcher would not end if the daemon ended badly
     expect_gone();
 
-    const int answered =
-        clients * requests + requests + 10 * 2 + 3; // with QUIT, STATE, LIST, STATS
+    const int answered = clients * requests + 10 * 2 + 3; // with QUIT, STATE, LIST, STATS
     EXPECT_EQ(count_in_log("answered"), answered);
     EXPECT_EQ(count_in_log("refused"), 10);
     EXPECT_EQ(count_in_log("SL_EVT_COMM_FAIL"), 1); // one for each client and hour

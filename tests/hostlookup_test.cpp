@@ -98,22 +98,6 @@ TEST(FailureCache, KeepsAddressesApartAndNamesOut)
     EXPECT_EQ(questions("2001:db8::3", "2001:db8::3"), 1) << "the plain lookup feeds no cache";
 }
 
-TEST(FailureCache, ServesManyThreads)
-{
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; i++) {
-        threads.emplace_back([] {
-            for (int k = 0; k < 300; k++) {
-                questions("10.2.0." + std::to_string(k % 50), "10.2.0." + std::to_string(k % 50));
-                now += kMinute;
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-}
-
 TEST(FailureCache, SparesTheNameServer)
 {
     const auto outcome = support::run_in_private_host([] {

@@ -91,17 +91,6 @@ TEST(ThreadCommon, SizesStacksByThePlatformsDefault)
     }
 }
 
-TEST(ThreadCommon, TheStarterHandsOnArgumentAndResult)
-{
-    pthread_t thread;
-    void *result = nullptr;
-    const auto routine = [](void *arg) { return arg; };
-    ASSERT_EQ(THREAD_CREATE(&thread, nullptr, routine, &thread), 0);
-    pthread_join(thread, &result);
-    EXPECT_EQ(result, &thread);
-    EXPECT_TRUE(pthread_equal(StarterLast, thread));
-}
-
 TEST(ThreadCommon, TheWatchdogSignalsEveryPeriodUntilItIsTakenBack)
 {
     register_spurious_wakeup(&third.lock, &third.cond, 0); // never comes, so starts nothing

@@ -1,7 +1,7 @@
 // faults_files.cpp - scenarios of files: plain ones, configuration, logs, progress.
 #include "torture/faults.h"
 
-#include "koutil/koutil.h"
+#include "koutil/koutil.hpp"
 
 #include <cerrno>
 #include <cstdlib>
@@ -19,17 +19,6 @@ namespace
     if (const int failed = (expression); failed != 0) {                                            \
         return failed;                                                                             \
     }
-
-// What a library object is closed with when a scenario leaves.
-template <typename T, auto close>
-struct Owner {
-    T *it = nullptr;
-    ~Owner() { close(&it); }
-};
-using File = Owner<KovaHndl_t, [](KovaHndl_t **h) { KovaClose(h); }>;
-using Config = Owner<KovaCfg_t, [](KovaCfg_t **c) { KovaCfgClose(c, 0, nullptr, 0); }>;
-using FsmList = Owner<FsmListHndl_t, [](FsmListHndl_t **l) { FsmListClose(l, 0); }>;
-using Mount = Owner<mntargs_t, [](mntargs_t **m) { VoMntArgsFree(m); }>;
 
 char message[512];
 
@@ -60,38 +49,38 @@ int write_all(KovaHndl_t *file, const std::string &text)
 int file_read_write()
 {
     const std::string text = "0123456789\n";
-    File file;
-    TRY(KovaOpen("f", KOVA_OPEN_RDWR | KOVA_OPEN_CREATE, &file.it));
-    TRY(write_all(file.it, text));
-    TRY(KovaSeek(file.it, 0));
+    ko::File file;
+    TRY(KovaOpen("f", KOVA_OPEN_RDWR | KOVA_OPEN_CREATE, file.out()));
+    TRY(write_all(file.get(), text));
+    TRY(KovaSeek(file.get(), 0));
     std::string seen;
     for (KovaSz_t size = 1; size != 0;) {
         char part[32];
         size = sizeof part;
-        TRY(KovaRead(file.it, part, &size));
+        TRY(KovaRead(file.get(), part, &size));
         seen.append(part, size);
     }
     EXPECT(seen == text);
-    TRY(KovaFTruncate(file.it, 4));
+    TRY(KovaFTruncate(file.get(), 4));
     EXPECT(get("f") == "0123");
-    TRY(KovaClose(&file.it));
-    EXPECT(file.it == nullptr);
+    TRY(file.close());
+    EXPECT(file.get() == nullptr);
     return 0;
 }
 
 int file_map()
 {
     put("f", std::string(8192, 'x'));
-    File file;
-    TRY(KovaOpen("f", KOVA_OPEN_RDWR, &file.it));
+    ko::File file;
+    TRY(KovaOpen("f", KOVA_OPEN_RDWR, file.out()));
     void *bytes = nullptr;
-    if (const int status = KovaMmap(file.it, 4096, 4096, &bytes)) {
+    if (const int status = KovaMmap(file.get(), 4096, 4096, &bytes)) {
         EXPECT(bytes == nullptr);
         return status;
     }
     memset(bytes, 'y', 4096);
     EXPECT(get("f") == std::string(4096, 'x') + std::string(4096, 'y'));
-    const int status = KovaMunmap(file.it, 4096, &bytes);
+    const int status = KovaMunmap(file.get(), 4096, &bytes);
     EXPECT(bytes == nullptr);
     return status;
 }
@@ -193,32 +182,19 @@ int rename_and_delete()
 int config_open(KovaCfgType_t type, const std::string &text, const char *value)
 {
     put("cfg", text);
-    Config cfg;
+    ko::Config cfg;
     if (const int status =
-            KovaCfgOpen("cfg", KOVA_OPEN_READ, type, &cfg.it, message, sizeof message)) {
-        EXPECT(cfg.it == nullptr);
+            KovaCfgOpen("cfg", KOVA_OPEN_READ, type, cfg.out(), message, sizeof message)) {
+        EXPECT(cfg.get() == nullptr);
         return status;
     }
     CfgEnt_t *entry = nullptr;
-    for (CfgEnt_t *next = nullptr; KovaCfgNext(cfg.it, &next) == 0;) {
+    for (CfgEnt_t *next = nullptr; KovaCfgNext(cfg.get(), &next) == 0;) {
         entry = next;
     }
     EXPECT(strcmp(entry->KovaCfgVals[type == CFGTYPE_VALUES ? 1 : 0], value) == 0);
     EXPECT(get("cfg") == text);
-    return KovaCfgClose(&cfg.it, 0, message, sizeof message);
-}
-
-int config_values()
-{
-    return config_open(CFGTYPE_VALUES, "# c\none=1=2\ntwo=a b\n", "a b");
-}
-int config_words()
-{
-    return config_open(CFGTYPE_WORDS, "one 1 # c\ntwo 2\n", "2");
-}
-int config_assign()
-{
-    return config_open(CFGTYPE_ASSIGN, "one=1\n# c\ntwo=2\n", "2");
+    return cfg.close();
 }
 
 char value[] = "1";
@@ -229,69 +205,70 @@ const std::string after = "one 1\ntwo 1\n";
 int config_save()
 {
     put("cfg", before);
-    Config cfg;
-    TRY(KovaCfgOpen("cfg", KOVA_OPEN_RDWR, CFGTYPE_VALUES, &cfg.it, message, sizeof message));
-    TRY(KovaCfgInsert(cfg.it, -1, "two", values, nullptr, message, sizeof message));
-    const int status = replaced("cfg", before, after, KovaCfgSave(cfg.it, message, sizeof message));
+    ko::Config cfg;
+    TRY(KovaCfgOpen("cfg", KOVA_OPEN_RDWR, CFGTYPE_VALUES, cfg.out(), message, sizeof message));
+    TRY(KovaCfgInsert(cfg.get(), -1, "two", values, nullptr, message, sizeof message));
+    const int status =
+        replaced("cfg", before, after, KovaCfgSave(cfg.get(), message, sizeof message));
     const Calm calm; // a second save makes up for it
-    EXPECT(KovaCfgSave(cfg.it, message, sizeof message) == 0);
+    EXPECT(KovaCfgSave(cfg.get(), message, sizeof message) == 0);
     return replaced("cfg", after, after, 0) + status;
 }
 
 int config_close_with_save()
 {
     put("cfg", before);
-    Config cfg;
-    TRY(KovaCfgOpen("cfg", KOVA_OPEN_RDWR, CFGTYPE_VALUES, &cfg.it, message, sizeof message));
-    TRY(KovaCfgInsert(cfg.it, -1, "two", values, nullptr, message, sizeof message));
-    const int status = KovaCfgClose(&cfg.it, 1, message, sizeof message);
-    EXPECT(cfg.it == nullptr);
+    ko::Config cfg;
+    TRY(KovaCfgOpen("cfg", KOVA_OPEN_RDWR, CFGTYPE_VALUES, cfg.out(), message, sizeof message));
+    TRY(KovaCfgInsert(cfg.get(), -1, "two", values, nullptr, message, sizeof message));
+    const int status = cfg.close(true);
+    EXPECT(cfg.get() == nullptr);
     return replaced("cfg", before, after, status);
 }
 
 int config_create()
 {
-    Config cfg;
+    ko::Config cfg;
     TRY(KovaCfgOpen("new", KOVA_OPEN_RDWR | KOVA_OPEN_CREATE | KOVA_OPEN_EXCL, CFGTYPE_ASSIGN,
-                    &cfg.it, message, sizeof message));
-    TRY(KovaCfgInsert(cfg.it, -1, "two", values, "why", message, sizeof message));
-    return replaced("new", "", "# why\ntwo=1\n", KovaCfgClose(&cfg.it, 1, message, sizeof message));
+                    cfg.out(), message, sizeof message));
+    TRY(KovaCfgInsert(cfg.get(), -1, "two", values, "why", message, sizeof message));
+    return replaced("new", "", "# why\ntwo=1\n", cfg.close(true));
 }
 
 int config_copy()
 {
     put("cfg", "one 1 2 # x\n# c\ntwo 2\n");
-    Config cfg;
-    Config copy;
-    TRY(KovaCfgOpen("cfg", KOVA_OPEN_READ, CFGTYPE_VALUES, &cfg.it, message, sizeof message));
-    if (const int status = KovaCfgCopy(&copy.it, cfg.it, message, sizeof message)) {
-        EXPECT(copy.it == nullptr);
+    ko::Config cfg;
+    ko::Config copy;
+    TRY(KovaCfgOpen("cfg", KOVA_OPEN_READ, CFGTYPE_VALUES, cfg.out(), message, sizeof message));
+    if (const int status = KovaCfgCopy(copy.out(), cfg.get(), message, sizeof message)) {
+        EXPECT(copy.get() == nullptr);
         return status;
     }
-    EXPECT(KovaCfgCmp(cfg.it, copy.it) == 0);
+    EXPECT(KovaCfgCmp(cfg.get(), copy.get()) == 0);
     return 0;
 }
 
 int config_edit()
 {
     put("cfg", "one 1\ntwo 2\n");
-    Config cfg;
-    TRY(KovaCfgOpen("cfg", KOVA_OPEN_READ, CFGTYPE_WORDS, &cfg.it, message, sizeof message));
+    ko::Config cfg;
+    TRY(KovaCfgOpen("cfg", KOVA_OPEN_READ, CFGTYPE_WORDS, cfg.out(), message, sizeof message));
     CfgEnt_t *entry = nullptr;
-    TRY(KovaCfgEnum(cfg.it, 1, &entry));
+    TRY(KovaCfgEnum(cfg.get(), 1, &entry));
     const int status = KovaCfgEntValInsert(entry, 0, "0");
     EXPECT(strcmp(entry->KovaCfgVals[0], status == 0 ? "0" : "2") == 0);
     EXPECT(strcmp(entry->KovaCfgName, "two") == 0 &&
            (entry->KovaCfgVals[1] != nullptr) == (status == 0));
     TRY(status);
-    const int inserted = KovaCfgInsert(cfg.it, 0, "zero", values, "c", message, sizeof message);
+    const int inserted = KovaCfgInsert(cfg.get(), 0, "zero", values, "c", message, sizeof message);
     int entries = 0;
-    for (CfgEnt_t *each = nullptr; KovaCfgNext(cfg.it, &each) == 0;) {
+    for (CfgEnt_t *each = nullptr; KovaCfgNext(cfg.get(), &each) == 0;) {
         entries++;
     }
     EXPECT(entries == (inserted == 0 ? 3 : 2));
     TRY(inserted);
-    return KovaCfgRemove(cfg.it, 0);
+    return KovaCfgRemove(cfg.get(), 0);
 }
 
 // ---- the files built on it ----
@@ -299,15 +276,15 @@ int config_edit()
 int fsm_read()
 {
     put("fsmlist", "alpha . 5\nbeta\n");
-    FsmList list;
-    if (const int status = FsmListOpen(&list.it, KOVA_OPEN_READ)) {
-        EXPECT(list.it == nullptr);
+    ko::FsmList list;
+    if (const int status = FsmListOpen(list.out(), KOVA_OPEN_READ)) {
+        EXPECT(list.get() == nullptr);
         return status;
     }
     FsmListEnt_t entry;
-    TRY(FsmListFind(list.it, "beta", &entry));
+    TRY(FsmListFind(list.get(), "beta", &entry));
     EXPECT(entry.Index == 1);
-    return FsmListClose(&list.it, 0);
+    return list.close();
 }
 
 // A name that FsmListAddName says it added may be missing when the save failed, but nothing else.
@@ -335,31 +312,31 @@ int fsm_add_first()
 int fsm_modify()
 {
     put("fsmlist", "alpha\nbeta\n");
-    FsmList list;
-    TRY(FsmListOpen(&list.it, KOVA_OPEN_RDWR));
+    ko::FsmList list;
+    TRY(FsmListOpen(list.out(), KOVA_OPEN_RDWR));
     FsmListEnt_t entry = {
         .Index = 0, .FsmName = "gamma", .Priority = 0, .Compatibility = 0, .Comment = ""};
-    const int status = FsmListModify(list.it, 1, &entry);
+    const int status = FsmListModify(list.get(), 1, &entry);
     FsmListEnt_t now;
-    EXPECT(FsmListRead(list.it, 1, &now) == 0);
+    EXPECT(FsmListRead(list.get(), 1, &now) == 0);
     EXPECT(strcmp(now.FsmName, status == 0 ? "gamma" : "beta") == 0);
     TRY(status);
-    TRY(FsmListInsert(list.it, 0, &entry));
-    TRY(FsmListDelete(list.it, 0));
-    return replaced("fsmlist", "alpha\nbeta\n", "alpha\ngamma\n", FsmListSave(list.it));
+    TRY(FsmListInsert(list.get(), 0, &entry));
+    TRY(FsmListDelete(list.get(), 0));
+    return replaced("fsmlist", "alpha\nbeta\n", "alpha\ngamma\n", FsmListSave(list.get()));
 }
 
 int fsm_refresh()
 {
     put("fsmlist", "alpha\n");
-    FsmList list;
-    TRY(FsmListOpen(&list.it, KOVA_OPEN_READ));
+    ko::FsmList list;
+    TRY(FsmListOpen(list.out(), KOVA_OPEN_READ));
     put("fsmlist", "beta\n");
-    list.it->MtimeOrig--;
+    list->MtimeOrig--;
     FsmListEnt_t entry;
-    const int status = FsmListRefresh(list.it);
+    const int status = FsmListRefresh(list.get());
     const Calm calm; // the next refresh loads it
-    EXPECT(FsmListRefresh(list.it) == 0 && FsmListFind(list.it, "beta", &entry) == 0);
+    EXPECT(FsmListRefresh(list.get()) == 0 && FsmListFind(list.get(), "beta", &entry) == 0);
     return status;
 }
 
@@ -399,26 +376,26 @@ int variables()
 int mount_file()
 {
     put("mnt", "mnt_retry=0\nmax_dma=0x10\n");
-    Mount args;
+    ko::MountArgs args;
     MntArgsMask_t used = 1;
-    const int status = VoMntArgsLoadFile("mnt", sizeof message, message, &used, &args.it);
-    EXPECT((status == 0) == (args.it != nullptr) && (status == 0 || used == 0));
+    const int status = VoMntArgsLoadFile("mnt", sizeof message, message, &used, args.out());
+    EXPECT((status == 0) == (args.get() != nullptr) && (status == 0 || used == 0));
     EXPECT(get("mnt") == "mnt_retry=0\nmax_dma=0x10\n");
     return status;
 }
 
 int mount_records()
 {
-    Mount args{VoMntArgsAlloc()};
-    if (args.it == nullptr) {
+    ko::MountArgs args(VoMntArgsAlloc());
+    if (args.get() == nullptr) {
         return -1;
     }
-    Mount copy{VoMntArgsClone(args.it)};
-    if (copy.it == nullptr) {
+    ko::MountArgs copy(VoMntArgsClone(args.get()));
+    if (copy.get() == nullptr) {
         return -1;
     }
     MntArgsMask_t difference = 0;
-    EXPECT(VoMntArgsCmp(args.it, copy.it, &difference) == 0);
+    EXPECT(VoMntArgsCmp(args.get(), copy.get(), &difference) == 0);
     return 0;
 }
 
@@ -532,14 +509,6 @@ int rotate(int count)
     EXPECT(last == (count > 3 ? 10 : 30) || !undisturbed());
     return status;
 }
-int log_rotation()
-{
-    return rotate(3);
-}
-int log_rotation_of_many()
-{
-    return rotate(100);
-}
 
 int log_nested()
 {
@@ -601,14 +570,6 @@ int progress(bool success)
            get("progress").ends_with(success ? "Status: Success\n" : "Status: why\n"));
     return 0;
 }
-int progress_success()
-{
-    return progress(true);
-}
-int progress_failure()
-{
-    return progress(false);
-}
 
 constexpr Scenario scenarios[] = {
     {"file_read_write", file_read_write, 20, kFiles},
@@ -619,9 +580,12 @@ constexpr Scenario scenarios[] = {
     {"listing", listing, 20, kFiles},
     {"statuses", statuses, 0, kFiles},
     {"rename_and_delete", rename_and_delete, 0, kFiles},
-    {"config_values", config_values, 20, kFiles},
-    {"config_words", config_words, 20, kFiles},
-    {"config_assign", config_assign, 20, kFiles},
+    {"config_values", [] { return config_open(CFGTYPE_VALUES, "# c\none=1=2\ntwo=a b\n", "a b"); },
+     20, kFiles},
+    {"config_words", [] { return config_open(CFGTYPE_WORDS, "one 1 # c\ntwo 2\n", "2"); }, 20,
+     kFiles},
+    {"config_assign", [] { return config_open(CFGTYPE_ASSIGN, "one=1\n# c\ntwo=2\n", "2"); }, 20,
+     kFiles},
     {"config_save", config_save, 20, kFiles},
     {"config_close_with_save", config_close_with_save, 20, kFiles},
     {"config_create", config_create, 20, kFiles},
@@ -641,13 +605,13 @@ constexpr Scenario scenarios[] = {
     {"roots", roots, 0, 0},
     {"checked_build", checked_build, 0, kFiles},
     {"log_lines", log_lines, -1, kFiles},
-    {"log_rotation", log_rotation, -1, kFiles},
-    {"log_rotation_of_many", log_rotation_of_many, -1, kFiles},
+    {"log_rotation", [] { return rotate(3); }, -1, kFiles},
+    {"log_rotation_of_many", [] { return rotate(100); }, -1, kFiles},
     {"log_nested", log_nested, -1, kFiles},
     {"facilities", facilities_used, 12, 0},
     {"facility_texts", facility_texts, 12, 0},
-    {"progress_success", progress_success, -1, kFiles},
-    {"progress_failure", progress_failure, -1, kFiles},
+    {"progress_success", [] { return progress(true); }, -1, kFiles},
+    {"progress_failure", [] { return progress(false); }, -1, kFiles},
 };
 
 } // namespace

@@ -46,14 +46,6 @@ int create_and_free(Create create, Free release)
     release(object);
     return 0;
 }
-int hash_state_32()
-{
-    return create_and_free(XXH32_createState, XXH32_freeState);
-}
-int hash_state_64()
-{
-    return create_and_free(XXH64_createState, XXH64_freeState);
-}
 
 constexpr uint32_t kEntries = 200;
 
@@ -110,6 +102,7 @@ int table_of_numbers()
         [](void *t, uint32_t i) { return ko_hash_delete_uint64(t, i); });
 }
 
+// Large ones lie in huge pages.
 int table_of_values(uint32_t buckets, size_t length)
 {
     return fill_table(
@@ -118,14 +111,6 @@ int table_of_values(uint32_t buckets, size_t length)
         [](void *t, uint32_t i) { return ko_hash_search_uint64_val(t, i) != nullptr; },
         [](void *t, uint32_t i) { return ko_hash_delete_uint64_val(t, i); });
 }
-int table_of_small_values()
-{
-    return table_of_values(100, 4);
-}
-int table_of_large_values()
-{
-    return table_of_values(1 << 19, 2000);
-} // in huge pages
 
 struct BigAddress {
     int number;
@@ -174,14 +159,6 @@ int use_cache()
 struct SmallAddress {
     int number;
 };
-int cache_of_small()
-{
-    return use_cache<SmallAddress>();
-}
-int cache_of_large()
-{
-    return use_cache<BigAddress>();
-}
 
 int poll_set()
 {
@@ -302,14 +279,6 @@ int watch(const char *variable)
     int status = 0;
     EXPECT(waitpid(pid, &status, 0) == pid && WIFEXITED(status));
     return WEXITSTATUS(status);
-}
-int watcher()
-{
-    return watch("WATCHER_NODETACH");
-}
-int detached_daemon()
-{
-    return watch("WATCHER_NORESTART");
 }
 
 // ---- sockets and hosts ----
@@ -534,18 +503,6 @@ int stream_out(bool to_socket, bool to_file)
            (status == 0 ? copy == wire() : wire().starts_with(copy)));
     return status == -2 ? -1 : status;
 }
-int stream_to_socket()
-{
-    return stream_out(true, false);
-}
-int stream_to_file()
-{
-    return stream_out(false, true);
-}
-int stream_to_both()
-{
-    return stream_out(true, true);
-}
 
 // Bytes that a descriptor delivers, in a stream that waits or not.
 rep_in_stream_t *stream_of_wire(uint32_t seconds)
@@ -594,14 +551,6 @@ int stream_in(uint32_t seconds)
     cleanup_rep_in_stream(in);
     return status;
 }
-int stream_from_file()
-{
-    return stream_in(0);
-}
-int stream_with_timeout()
-{
-    return stream_in(5);
-}
 
 int stream_copy()
 {
@@ -628,14 +577,14 @@ int stream_copy()
 
 constexpr Scenario scenarios[] = {
     {"aligned_memory", aligned_memory, -1, 0},
-    {"hash_state_32", hash_state_32, -1, 0},
-    {"hash_state_64", hash_state_64, -1, 0},
+    {"hash_state_32", [] { return create_and_free(XXH32_createState, XXH32_freeState); }, -1, 0},
+    {"hash_state_64", [] { return create_and_free(XXH64_createState, XXH64_freeState); }, -1, 0},
     {"table_of_names", table_of_names, -1, 0},
     {"table_of_numbers", table_of_numbers, -1, 0},
-    {"table_of_small_values", table_of_small_values, -1, 0},
-    {"table_of_large_values", table_of_large_values, -1, 0},
-    {"cache_of_small", cache_of_small, -1, 0},
-    {"cache_of_large", cache_of_large, -1, 0},
+    {"table_of_small_values", [] { return table_of_values(100, 4); }, -1, 0},
+    {"table_of_large_values", [] { return table_of_values(1 << 19, 2000); }, -1, 0},
+    {"cache_of_small", [] { return use_cache<SmallAddress>(); }, -1, 0},
+    {"cache_of_large", [] { return use_cache<BigAddress>(); }, -1, 0},
     {"poll_set", poll_set, -1, kFiles},
     {"work_queue", work_queue, 0, kMayPanic},
     {"message_pool", message_pool, 0, kMayPanic},
@@ -643,8 +592,8 @@ constexpr Scenario scenarios[] = {
     {"threads_confirmed", threads_confirmed, -1, 0},
     {"watchdog", watchdog, 0, 0},
     {"client_events", client_events, 0, 0},
-    {"watcher", watcher, 1, kFiles},
-    {"detached_daemon", detached_daemon, 1, kFiles},
+    {"watcher", [] { return watch("WATCHER_NODETACH"); }, 1, kFiles},
+    {"detached_daemon", [] { return watch("WATCHER_NORESTART"); }, 1, kFiles},
     {"connection", connection, 0, kFiles},
     {"common_port", common_port, 0, kFiles},
     {"datagrams", datagrams, 0, kFiles},
@@ -653,11 +602,11 @@ constexpr Scenario scenarios[] = {
     {"host_lookup", host_lookup, 22, kFiles},
     {"host_names", host_names, 0, kFiles},
     {"system_sizes", system_sizes, 0, kFiles},
-    {"stream_to_socket", stream_to_socket, -1, kFiles | kMayPanic},
-    {"stream_to_file", stream_to_file, -1, kFiles | kMayPanic},
-    {"stream_to_both", stream_to_both, -1, kFiles | kMayPanic},
-    {"stream_from_file", stream_from_file, -1, kFiles},
-    {"stream_with_timeout", stream_with_timeout, -1, kFiles},
+    {"stream_to_socket", [] { return stream_out(true, false); }, -1, kFiles | kMayPanic},
+    {"stream_to_file", [] { return stream_out(false, true); }, -1, kFiles | kMayPanic},
+    {"stream_to_both", [] { return stream_out(true, true); }, -1, kFiles | kMayPanic},
+    {"stream_from_file", [] { return stream_in(0); }, -1, kFiles},
+    {"stream_with_timeout", [] { return stream_in(5); }, -1, kFiles},
     {"stream_copy", stream_copy, -1, kFiles | kMayPanic},
 };
 

@@ -1,13 +1,13 @@
-// races_torture.cpp - what the library's threads share, used by many threads at once: each stress
-// runs for the SECONDS of the first argument, or those that the further arguments name do; without
-// arguments their names are printed. Run it under the thread sanitizer. What must hold is checked
-// too; the first that does not ends the process.
+// races_torture.cpp - what the library's threads share, used by many threads at once, where no unit
+// test does so (cache, logs and queues have theirs): each stress runs for the SECONDS of the first
+// argument, or those that the further arguments name do; without arguments their names are printed.
+// Run it under the thread sanitizer. What must hold is checked too; the first that does not ends
+// the process.
 #include "../../fuzz/fuzz.h"
 #include "koutil/koutil.h"
 
 #include <algorithm>
 #include <atomic>
-#include <fstream>
 #include <netdb.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -17,7 +17,7 @@
 namespace
 {
 
-std::atomic<int> ran, buffers, failed_lookups, completed;
+std::atomic<int> failed_lookups, completed;
 std::atomic<int64_t> skew; // seconds that the wall clock is ahead
 
 unsigned dice(unsigned sides)
@@ -38,140 +38,6 @@ void crowd(int count, Body body)
     for (std::thread &each : threads) {
         each.join();
     }
-}
-
-// Four threads log through rotations: every line is whole, and none is missing after the first.
-void log_file()
-{
-    static const Folder folder;
-    const std::string path = folder.write("log", "", 0);
-    require(SetupLogFile(path.c_str(), 20000, 3) == 1);
-    crowd(4, [](int thread) {
-        char format[] = "%d %d\n";
-        for (int i = 0; i < 400; i++) {
-            LogToFile(2, format, thread, i);
-        }
-    });
-    CloseLog();
-    int next[4] = {-1, -1, -1, -1};
-    for (const char *suffix : {"_3", "_2", "_1", ""}) {
-        std::ifstream file(path + suffix);
-        for (std::string line; std::getline(file, line);) {
-            unsigned i = 4;
-            int n;
-            sscanf(line.c_str(), "(%*c)[%*d %*d:%*d:%*d.%*d %*d] %u %d", &i, &n);
-            require(i < 4 ? next[i] == -1 || next[i] == n : line == "Rotating Log File");
-            if (i < 4) {
-                next[i] = n + 1;
-            }
-        }
-        require(unlink((path + suffix).c_str()) == 0);
-    }
-    require(std::count(next, next + 4, 400) == 4);
-}
-
-// Producers, a waiter and a shutdown in their midst: what was accepted runs, once.
-void queues()
-{
-    static commblk_t blocks[3][60];
-    msgqueue_t *queue = queue_create(3, 8, static_cast<int>(dice(2)), nullptr);
-    const auto routine = [](void *arg) {
-        ran += ++static_cast<commblk_t *>(arg)->line == 1 ? 1 : 99;
-    };
-    std::atomic<int> accepted{0};
-    ran = 0;
-    crowd(5, [=, &accepted](int i) {
-        if (i == 3) {
-            wait_queue_empty(queue);
-            queue_awaken(queue);
-        } else if (i == 4) {
-            usleep(dice(2000));
-            shutdown_queue(queue);
-        }
-        for (int n = 0; i < 3 && n < 60; n++) {
-            commblk_t *block = &blocks[i][n];
-            *block = {};
-            block->priority = dice(3);
-            const auto add = n % 2 != 0 ? queue_add_work : queue_add_work_pri;
-            accepted += add(queue, routine, block) == 0 ? 1 : 0;
-        }
-    });
-    require(ran == accepted && queue->num_threads == 0 && queue->cur_queue_size == 0);
-}
-
-// A block is with one thread at a time; the waiter for the whole pool sees all of it.
-void pool()
-{
-    static commblk_t blocks[6];
-    if (NumBufs == 0) {
-        MsgQ_Init();
-        NumBufs = 6;
-        std::for_each(blocks, blocks + 6, [](commblk_t &each) { MsgQ_Put(&each); });
-    }
-    crowd(8, [](int i) {
-        for (int n = 0; i < 7 && n < 300; n++) {
-            commblk_t *block = MsgQ_Get();
-            block->line = i;
-            usleep(dice(200) == 0 ? 1 : 0);
-            require(block->line == i && block->next == nullptr);
-            MsgQ_Put(block);
-        }
-        pthread_mutex_lock(&MsgQ_lock.mutex);
-        while (i == 7 && MsgQ_cnt != NumBufs) {
-            pthread_cond_wait(&MsgQ_empty.cond, &MsgQ_lock.mutex);
-        }
-        pthread_mutex_unlock(&MsgQ_lock.mutex);
-    });
-    require(MsgQ_cnt == 6);
-}
-
-struct Buffer {
-    uint64_t address;
-    uint64_t uses; // guarded by the record's lock alone
-};
-
-cache_fn_vec_t cache_functions = {
-    [](bufaddr_t address) { return *static_cast<uint64_t *>(address) * 0x9E3779B97F4A7C15; },
-    [](bufaddr_t a, bufaddr_t b) { return memcmp(a, b, sizeof(uint64_t)); },
-    [](void *, cache_buf_t *, bufaddr_t, int) { return dice(8) != 0 ? 1 : 0; },
-    [](void *, cache_buf_t *buffer, bufaddr_t address, int) {
-        static_cast<Buffer *>(buffer)->address = *static_cast<uint64_t *>(address);
-        return dice(32) == 0 ? -1 : 0;
-    },
-    [](void *, cache_handle_t, bufaddr_t) { return buffers++, calloc(1, sizeof(Buffer)); },
-    [](void *, cache_buf_t *buffer) { buffers--, free(buffer); },
-    [](void *, cache_buf_t *, cache_lock_t *lock) { pthread_mutex_lock(&lock->mutex); },
-    [](void *, cache_buf_t *, cache_lock_t *lock) {
-        return pthread_mutex_trylock(&lock->mutex) == 0 ? 1 : 0;
-    },
-    [](void *, cache_buf_t *, cache_lock_t *lock) { pthread_mutex_unlock(&lock->mutex); }};
-
-// Lookups, discards and evictions over four times as many addresses as there is room.
-void cached()
-{
-    cache_t *cache = cache_init(16, nullptr, sizeof(uint64_t), &cache_functions);
-    crowd(5, [=](int) {
-        for (int n = 0; n < 1000; n++) {
-            uint64_t address = dice(dice(2) != 0 ? 64 : 12);
-            cache_handle_t record =
-                cache_buffer_find(cache, &address, nullptr, dice(4) == 0 ? 1 : 0, 0);
-            if (record == nullptr) {
-                continue;
-            }
-            auto *buffer = static_cast<Buffer *>(cache_data_ptr(record));
-            const uint64_t uses = ++buffer->uses;
-            usleep(dice(200) == 0 ? 1 : 0);
-            require(memcmp(record->rec_addr, &address, sizeof address) == 0);
-            require(buffer->address == address && buffer->uses == uses);
-            dice(16) == 0 ? discard_cache_entry(cache, record, static_cast<int>(n % 2))
-                          : cache_buffer_unlock(cache, record, nullptr);
-            if (dice(32) == 0) {
-                cache_buffer_discard(cache, &address, 0);
-            }
-        }
-    });
-    cache_destroy(cache);
-    require(buffers == 0);
 }
 
 // Names and failures of 64 addresses, an hour after the last: each thread asks for a failure once.
@@ -339,10 +205,11 @@ void stream()
     close(socks[1]);
 }
 
-constexpr std::pair<const char *, void (*)()> stresses[] = {
-    {"log_file", log_file}, {"queues", queues},     {"pool", pool},
-    {"cache", cached},      {"failures", failures}, {"addresses", addresses},
-    {"starts", starts},     {"watchdog", watchdog}, {"stream", stream}};
+constexpr std::pair<const char *, void (*)()> stresses[] = {{"failures", failures},
+                                                            {"addresses", addresses},
+                                                            {"starts", starts},
+                                                            {"watchdog", watchdog},
+                                                            {"stream", stream}};
 
 } // namespace
 
