@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <thread>
+#include <vector>
 
 namespace
 {
@@ -69,25 +69,4 @@ TEST(Branding, TakesKeywordsAndValuesAsTheLinesHaveThem)
               with(root, "One") + with(root, "One"));
     const std::string deep = "/" + std::string(245, 'd');
     EXPECT_EQ(texts(deep, {""}), with(deep));
-}
-
-// With a missing file the texts may be read while other threads configure them.
-TEST(Branding, RepeatedDefaultsDisturbNoReader)
-{
-    const auto outcome = support::run_in_child([] {
-        setenv("VORNROOT", "/nonexistent", 1);
-        configure_branding();
-        std::thread writer([] {
-            for (int i = 0; i < 200; i++) {
-                configure_branding();
-            }
-        });
-        int faults = 0;
-        for (int i = 0; i < 2000; i++) {
-            faults += BrandName != std::string_view("Kovaline");
-        }
-        writer.join();
-        return faults;
-    });
-    EXPECT_TRUE(outcome.exited(0)) << outcome.err;
 }

@@ -191,15 +191,6 @@ TEST_F(FsmList, AHandleWithoutAListSurvivesEveryCall)
     EXPECT_EQ(insert(0, "back"), 0);
     EXPECT_EQ(FsmListClose(&list, 1), 0);
     EXPECT_EQ(support::read_file(path), "back\n");
-    // A line whose texts, copied apart, do not fit into an entry.
-    open_with("a\n");
-    change("data1#" + std::string(600, 'x') + "\n");
-    EXPECT_EQ(FsmListOpen(&other, 7), 22);
-    EXPECT_EQ(FsmListRefresh(list), 22);
-    EXPECT_EQ(FsmListInsert(list, 0, &ent), 11);
-    change("c\n");
-    EXPECT_EQ(FsmListRefresh(list), 0);
-    EXPECT_EQ(names(), "c");
 }
 
 TEST_F(FsmList, AddNameAddsOnce)

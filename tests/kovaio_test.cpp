@@ -232,7 +232,7 @@ TEST(KovaFileCopy, CopiesEveryKindOfFileWithItsStatus)
     const auto copy = [](const std::string &source, const std::string &target) {
         return KovaFileCopy(source.c_str(), target.c_str());
     };
-    for (const size_t size : {0U, 1U, 4096U, 4097U, 8192U, 8193U, 1000000U}) {
+    for (const size_t size : {0U, 4096U, 4097U, 1000000U}) {
         const std::string text = pattern(size);
         write_file(from, text);
         write_file(to, std::string(2000000, 'o'));

@@ -240,30 +240,6 @@ int sign(int value)
 
 } // namespace
 
-TEST(Utf8, EveryCodePointThereAndBack)
-{
-    for (unsigned pass = 0; pass < (slowness == 1 ? 4 : 1); ++pass) {
-        Bytes text;
-        Units units;
-        for (UTF32 ch = 1; ch <= 0x10FFFF; ++ch) {
-            append(text, ch);
-            if (ch > 0xFFFF) {
-                units.push_back(static_cast<UTF16>(0xD800 + ((ch - 0x10000) >> 10)));
-                units.push_back(static_cast<UTF16>(0xDC00 + (ch & 0x3FF)));
-            } else {
-                units.push_back(static_cast<UTF16>(ch));
-            }
-            if (ch % 0x40 == 0x3F || ch == 0xD7FF) {
-                const unsigned flags = (ch / 0x40 + pass) % 4;
-                check_decode(text, units.size() + 40, flags, false);
-                check_encode(units, text.size() + 64, flags, false);
-                text.clear();
-                units.clear();
-            }
-        }
-    }
-}
-
 TEST(Utf8, EverySequenceOfThreeBytesAloneAndInsideAText)
 {
     const auto same = [](const UTF8 *s, size_t size, unsigned flags) {

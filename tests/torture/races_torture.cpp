@@ -1,15 +1,14 @@
 // races_torture.cpp - what the library's threads share, used by many threads at once, where no unit
-// test does so (cache, logs and queues have theirs): each stress runs for the SECONDS of the first
-// argument, or those that the further arguments name do; without arguments their names are printed.
-// Run it under the thread sanitizer. What must hold is checked too; the first that does not ends
-// the process.
+// test does so (caches, logs, queues and streams have theirs): each stress runs for the SECONDS of
+// the first argument, or those that the further arguments name do; without arguments their names
+// are printed. Run it under the thread sanitizer. What must hold is checked too; the first that
+// does not ends the process.
 #include "../../fuzz/fuzz.h"
 #include "koutil/koutil.h"
 
 #include <algorithm>
 #include <atomic>
 #include <netdb.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <thread>
 #include <vector>
@@ -17,7 +16,7 @@
 namespace
 {
 
-std::atomic<int> failed_lookups, completed;
+std::atomic<int> failed_lookups;
 std::atomic<int64_t> skew; // seconds that the wall clock is ahead
 
 unsigned dice(unsigned sides)
@@ -125,91 +124,8 @@ void watchdog()
     });
 }
 
-// The byte at offset n of a stream is n % 251.
-constexpr size_t longest = 300000;
-uint8_t pattern[longest];
-
-// Follows the backing file behind the stream's offset, to the close.
-uint64_t follow(rep_stream_t *stream, int file)
-{
-    std::vector<uint8_t> bytes(longest - 251);
-    uint64_t seen = 0;
-    for (bool closed = false; !closed;) {
-        pthread_mutex_lock(&stream->rep_mutex.mutex);
-        while (stream->rep_stream_offset == seen && stream->rep_stream_flags == 0) {
-            stream->rep_targ_waiting++;
-            pthread_cond_wait(&stream->rep_cond.cond, &stream->rep_mutex.mutex);
-            stream->rep_targ_waiting--;
-        }
-        const uint64_t end = stream->rep_stream_offset;
-        closed = stream->rep_stream_flags != 0;
-        pthread_mutex_unlock(&stream->rep_mutex.mutex);
-        while (seen < end) {
-            const auto wanted = std::min<size_t>(bytes.size(), end - seen);
-            const ssize_t got = pread(file, bytes.data(), wanted, static_cast<off_t>(seen));
-            require(got == static_cast<ssize_t>(wanted) &&
-                    memcmp(bytes.data(), pattern + seen % 251, wanted) == 0);
-            seen += wanted;
-        }
-    }
-    return seen;
-}
-
-// Two writers and three followers of the file: all see every byte, the last of them frees the
-// stream. In turn there is a target too.
-void stream()
-{
-    rep_stream_t *out = create_rep_out_stream();
-    const int file = memfd_create("backing", MFD_CLOEXEC);
-    const int own = dup(file);
-    int socks[2] = {-1, -1};
-    std::generate(pattern, pattern + longest, [n = 0]() mutable { return n++ % 251; });
-    assign_rep_backing_file(out, file);
-    if (dice(2) != 0) {
-        require(socketpair(AF_UNIX, SOCK_STREAM, 0, socks) == 0);
-        assign_rep_target_sync(out, socks[0]);
-    }
-    completed = 0;
-    out->stream_complete = [](rep_stream_t *) { completed++; };
-    uint64_t written = 0; // guarded by the writers' lock
-    std::atomic<int> writers{2};
-    for (int i = 0; i < 3; i++) {
-        hold_stream(out);
-    }
-    crowd(6, [&, out, own](int i) {
-        for (int n = 0; i < 2 && n < 40; n++) {
-            const uint32_t length = dice(20) == 0 ? 200000 : dice(9000);
-            lock_stream(out);
-            require(send_to_stream(out, pattern + written % 251, length) == 0);
-            written += length;
-            require(dice(4) != 0 || flush_rep_stream(out) == 0);
-            unlock_stream(out);
-        }
-        if (i < 2 && --writers == 0) {
-            require(flush_rep_stream(out) == 0);
-            cleanup_rep_stream(out, 1);
-        } else if (i >= 2 && i < 5) {
-            require(follow(out, own) == written);
-            drop_stream(out);
-        }
-        uint8_t bytes[5000];
-        uint64_t seen = 0;
-        for (ssize_t got; i == 5 && (got = read(socks[1], bytes, sizeof bytes)) > 0;) {
-            require(memcmp(bytes, pattern + seen % 251, static_cast<size_t>(got)) == 0);
-            seen += static_cast<uint64_t>(got);
-        }
-        require(i != 5 || socks[1] == -1 || seen == written);
-    });
-    require(completed == 1);
-    close(own);
-    close(socks[1]);
-}
-
-constexpr std::pair<const char *, void (*)()> stresses[] = {{"failures", failures},
-                                                            {"addresses", addresses},
-                                                            {"starts", starts},
-                                                            {"watchdog", watchdog},
-                                                            {"stream", stream}};
+constexpr std::pair<const char *, void (*)()> stresses[] = {
+    {"failures", failures}, {"addresses", addresses}, {"starts", starts}, {"watchdog", watchdog}};
 
 } // namespace
 
