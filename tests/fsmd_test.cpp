@@ -1,5 +1,5 @@
-// fsmd_test.cpp - the example daemon as a whole: watched, loaded, reloaded, crashed, stopped. Peers
-// that are slow or cut are the torture harness's.
+// fsmd_test.cpp - the example daemon as a whole: watched, asked, reloaded, crashed, stopped. Load
+// and peers that are slow or cut are the torture harness's.
 #include "../examples/block_store.h"
 #include "support/support.h"
 
@@ -10,14 +10,11 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <sstream>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 namespace
 {
@@ -89,11 +86,6 @@ bool is_block(const std::string &body, uint64_t number)
     return body.size() == sizeof block && block.is(number);
 }
 
-std::string get(int number)
-{
-    return "GET " + std::to_string(number % blocks);
-}
-
 // An installation with a running daemon, the children of this process.
 class Fsmd : public ::testing::Test
 {
@@ -129,8 +121,8 @@ class Fsmd : public ::testing::Test
         const pid_t pid = fork();
         if (pid == 0) {
             setenv("VORNROOT", dir_.path().c_str(), 1);
-            execl(program.c_str(), "/some/where/fsmd", "-o",
-                  "blocks=64,cached=16,logsize=16k,logfiles=99,debug=request", "data1", nullptr);
+            execl(program.c_str(), "/some/where/fsmd", "-o", "blocks=64,cached=16,debug=request",
+                  "data1", nullptr);
             _exit(99);
         }
         int status = -1;
@@ -193,29 +185,14 @@ class Fsmd : public ::testing::Test
                 << name;
         }
     }
-    // The text of the log and its older files, in no order, each of which ends with a whole line.
-    std::string log() const
-    {
-        std::string all = "\n";
-        for (const auto &entry : std::filesystem::directory_iterator(dir_.path())) {
-            all += entry.is_regular_file() ? support::read_file(entry.path()) : "";
-            EXPECT_EQ(all.back(), '\n') << entry.path();
-        }
-        return all.substr(1);
-    }
     int count_in_log(const std::string &what) const
     {
-        const std::string text = log();
+        const std::string text = support::read_file(dir_ / "fsmd-data1.log");
         int count = 0;
         for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at++) {
             count++;
         }
         return count;
-    }
-    int descriptors() const
-    {
-        const std::filesystem::directory_iterator fds("/proc/" + std::to_string(daemon_) + "/fd");
-        return static_cast<int>(std::distance(begin(fds), end(fds)));
     }
 
     support::TempDir dir_;
@@ -226,24 +203,11 @@ class Fsmd : public ::testing::Test
 
 } // namespace
 
-TEST_F(Fsmd, AnswersRightlyUnderLoadAndAbuse)
+TEST_F(Fsmd, AnswersRefusesAndReloads)
 {
     ASSERT_NO_FATAL_FAILURE(start());
-    ASSERT_TRUE(within_seconds(10, [&] { return descriptors() > 0; }));
-    usleep(100'000); // until the connection of start() has gone
-    const int idle_descriptors = descriptors();
-    constexpr int clients = 5;
-    constexpr int requests = 400;
-    std::vector<std::thread> threads;
-    for (int c = 0; c < clients; c++) {
-        threads.emplace_back([&, c] {
-            Client client(port_, c == 0 && Client(port_, true).connected());
-            for (int i = 0; i < requests; i++) {
-                const int number = (i * 7 + c * 13) % blocks;
-                ASSERT_TRUE(is_block(client.ask(get(number)), static_cast<uint64_t>(number)));
-            }
-        });
-    }
+    Client six(port_, true);
+    EXPECT_TRUE(!six.connected() || is_block(six.ask("GET 63"), 63));
     const std::string bad_requests[] = {
         "",         "GET",
         "GET -1",   "GET 64",
@@ -261,9 +225,6 @@ TEST_F(Fsmd, AnswersRightlyUnderLoadAndAbuse)
     Client endless(port_);
     EXPECT_EQ(endless.ask(std::string(300, 'x')), "ERR request too long");
     EXPECT_EQ(endless.answer(), "");
-    for (auto &thread : threads) {
-        thread.join();
-    }
 
     support::write_file(dir_ / "config/fsmlist", "data1 . 7\nhome\nmedia . 2\n");
     std::filesystem::last_write_time(dir_ / "config/fsmlist",
@@ -276,25 +237,11 @@ TEST_F(Fsmd, AnswersRightlyUnderLoadAndAbuse)
         EXPECT_EQ(client.ask("LIST"), "data1 7\nhome 0\nmedia 2\n");
         EXPECT_NE(client.ask("STATS").find("\nbad_requests 11\n"), std::string::npos);
     }
-    EXPECT_TRUE(within_seconds(10, [&] { return descriptors() <= idle_descriptors; }));
     kill(daemon_, SIGTERM); // the watcher would not end if the daemon ended badly
     expect_gone();
-
-    const int answered = clients * requests + 10 * 2 + 3; // with QUIT, STATE, LIST, STATS
-    EXPECT_EQ(count_in_log("answered"), answered);
     EXPECT_EQ(count_in_log("refused"), 10);
     EXPECT_EQ(count_in_log("SL_EVT_COMM_FAIL"), 1); // one for each client and hour
     EXPECT_EQ(count_in_log("stopped after"), 1);
-    EXPECT_TRUE(support::file_exists(dir_ / "fsmd-data1.log_1"));
-    std::istringstream lines(log());
-    for (std::string line; std::getline(lines, line);) {
-        int date;
-        int used = 0;
-        char type;
-        const bool stamped = sscanf(line.c_str(), "%*1[( ]%1c%*1[) ][%8d %*d:%*d:%*d.%*d %*d] %n",
-                                    &type, &date, &used) == 2;
-        EXPECT_TRUE((stamped && used > 30) || line.find("Rotating") == 0) << line;
-    }
 }
 
 TEST_F(Fsmd, ComesBackAfterACrashAndStopsWithItsWatcher)

@@ -351,9 +351,6 @@ TEST(Facilities, FlagsFollowLists)
         EXPECT_EQ(ParseAllDebugParams(std::string(names).data()), result);
         EXPECT_EQ(flags(0), first) << names;
         EXPECT_EQ(flags(10), second) << names;
-        uint8_t own[2] = {0xff, 0xff};
-        _ParseDebugParams(std::string(names).data(), nine, own, 1); // the second is not touched
-        EXPECT_EQ(own[0] + 0xff00, strtol(first, nullptr, 16) % 256 + own[1] * 256) << names;
     }
     EXPECT_EQ(_ParseDebugParams(std::string("x").data(), nine + 9, nullptr, 0), -1);
     EXPECT_EQ(joined(GetAllDebugStrings()), joined(_GetDebugStrings(nine)) + "zero other far d ");

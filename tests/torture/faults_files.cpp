@@ -431,14 +431,6 @@ int branding()
     return 0;
 }
 
-int roots()
-{
-    setenv("VORNLOGS", "logs", 1);
-    EXPECT(strcmp(GetVornLogRoot(), "logs") == 0);
-    EXPECT(strcmp(GetVornConfigDir(), GetVornRoot()) == 0);
-    return 0;
-}
-
 int checked_build()
 {
     WriteLog = [](int type, char *text) {
@@ -602,7 +594,6 @@ constexpr Scenario scenarios[] = {
     {"mount_store", mount_store, 12, 0},
     {"port_ranges", port_ranges, 0, kFiles},
     {"branding", branding, 0, kFiles},
-    {"roots", roots, 0, 0},
     {"checked_build", checked_build, 0, kFiles},
     {"log_lines", log_lines, -1, kFiles},
     {"log_rotation", [] { return rotate(3); }, -1, kFiles},

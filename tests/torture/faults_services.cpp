@@ -36,17 +36,6 @@ int aligned_memory()
     return block != nullptr && page != nullptr ? 0 : -1;
 }
 
-template <typename Create, typename Free>
-int create_and_free(Create create, Free release)
-{
-    auto *object = create();
-    if (object == nullptr) {
-        return -1;
-    }
-    release(object);
-    return 0;
-}
-
 constexpr uint32_t kEntries = 200;
 
 // Inserts until memory runs out; what went in is found, and goes again.
@@ -577,8 +566,6 @@ int stream_copy()
 
 constexpr Scenario scenarios[] = {
     {"aligned_memory", aligned_memory, -1, 0},
-    {"hash_state_32", [] { return create_and_free(XXH32_createState, XXH32_freeState); }, -1, 0},
-    {"hash_state_64", [] { return create_and_free(XXH64_createState, XXH64_freeState); }, -1, 0},
     {"table_of_names", table_of_names, -1, 0},
     {"table_of_numbers", table_of_numbers, -1, 0},
     {"table_of_small_values", [] { return table_of_values(100, 4); }, -1, 0},
