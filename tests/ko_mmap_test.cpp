@@ -32,21 +32,15 @@ TEST(KoMmap, MapsAnExistingFileAndSaysWhyNot)
 
 TEST(KoMmap, ANegativeLastTimeIsTheCallersError)
 {
-    const auto refuse = [](const char *variable) {
-        return support::run_in_child([=] {
-            setenv(variable, "1", 1);
-            WriteLog = [](int type, char *text) { printf("%d %.25s\n", type, text); };
-            char why[KO_MMAP_ERR_SIZE] = "";
-            const int status = my_munmap(nullptr, 1, -1, why);
-            printf("%d %s", status, why);
-            return 0;
-        });
-    };
-    const std::string fault = "my_munmap: unexpected value for last_time: -1";
-    const std::string out = refuse("NOT_CHECKED").out;
-    EXPECT_NE(out.find("3 ERROR (libutil/ko_mmap:"), std::string::npos) << out;
-    EXPECT_NE(out.find("\n22 " + fault), std::string::npos) << out;
-    const auto panic = refuse("KOVA_CHECKED_BUILD");
-    EXPECT_TRUE(panic.crashed());
-    EXPECT_NE(panic.err.find(fault), std::string::npos) << panic.err;
+    const auto outcome = support::run_in_child([] {
+        setenv("KOVA_CHECKED_BUILD", "0", 1);
+        WriteLog = [](int type, char *text) { printf("%d %.25s\n", type, text); };
+        char why[KO_MMAP_ERR_SIZE] = "";
+        const int status = my_munmap(nullptr, 1, -1, why);
+        printf("%d %s", status, why);
+        return 0;
+    });
+    EXPECT_NE(outcome.out.find("3 ERROR (libutil/ko_mmap:"), std::string::npos) << outcome.out;
+    EXPECT_NE(outcome.out.find("\n22 my_munmap: unexpected value for last_time: -1"),
+              std::string::npos);
 }

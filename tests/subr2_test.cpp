@@ -8,11 +8,16 @@
 #include "support/addresses.h"
 #include "support/private_host.h"
 
+#include <atomic>
 #include <cstdarg>
+#include <cstring>
+#include <dlfcn.h>
 #include <net/if.h>
+#include <netdb.h>
 #include <sstream>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -24,7 +29,7 @@ std::atomic<int> rebuilds{0};
 
 } // namespace
 
-// Both take the place of the originals for the library too.
+// These take the place of the originals for the library too.
 extern "C" uint64_t MicroTime()
 {
     return now++; // a clock that stands still counts as set back
@@ -44,6 +49,17 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept
     }
     const bool refused = request == SIOCGIFHWADDR && strcmp(named->ifr_name, "eth0:1") == 0;
     return refused ? -1 : static_cast<int>(result);
+}
+
+// The name "nodata" exists without an address, "fail" is asked of a server that does not answer.
+extern "C" int getaddrinfo(const char *name, const char *service, const addrinfo *hints,
+                           addrinfo **found)
+{
+    static const auto next =
+        reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+    return strcmp(name, "nodata") == 0 ? EAI_NODATA
+           : strcmp(name, "fail") == 0 ? EAI_AGAIN
+                                       : next(name, service, hints, found);
 }
 
 namespace
@@ -343,7 +359,7 @@ TEST(PrivateNetwork, AnswersQuestionsAboutItsAddresses)
 {
     on_private_host(
         [] {
-            support::set_resolver("10.1.0.5 mynode\n", "files");
+            support::set_hosts("10.1.0.5 mynode\n");
             for (const char *text : {"10.0.0.5", "10.1.0.5", "10.2.0.5", "127.8.9.10", "128.0.0.1",
                                      "::1", "::7f00:1", "::"}) {
                 in46addr_t a = address(text);
@@ -385,10 +401,8 @@ TEST(PrivateNetwork, LooksNamesUpForOtherHosts)
     };
     on_private_host(
         [&expect] {
-            support::set_resolver("127.0.1.1 mynode\n127.0.0.1 looped\n::1 looped6\nfe80::9 link\n"
-                                  "2001:db8::9 far6\n",
-                                  "files dns");
-            const support::NameServer server;
+            support::set_hosts("127.0.1.1 mynode\n127.0.0.1 looped\n::1 looped6\nfe80::9 link\n"
+                               "2001:db8::9 far6\n");
             expect("LocalHost.example 127.0.0.1 127.0.0.1 LOCALHOST6 ::1 ::1 "
                    "localhost6.x ::1 ::1 ::1 ::1 ::1 localhosts 2 2 127 0.0.0.127 0.0.0.127 "
                    "127.0.0.9 127.0.0.1 127.0.0.1 mynode 10.0.0.5 127.0.1.1 "
@@ -396,11 +410,11 @@ TEST(PrivateNetwork, LooksNamesUpForOtherHosts)
                    "link 10.0.0.5 2 far6 2001:db8::9 2001:db8::9 ::2 10.0.0.5 2 "
                    "2130706433 10.0.0.5 2 0.0.0.0 0.0.0.0 0.0.0.0 nodata 22 22 fail 11 11 ");
             support::run_commands("ip -6 addr add 2001:db8::5/64 dev eth0 nodad");
-            support::set_resolver("10.3.0.1 mynode\n10.1.0.5 mynode\n::1 looped6\n", "files");
+            support::set_hosts("10.3.0.1 mynode\n10.1.0.5 mynode\n::1 looped6\n");
             now += 5 * kSecond;
             expect("mynode 10.1.0.5 10.1.0.5 looped6 2001:db8::5 2 ");
             support::run_commands("ip link del eth0; ip link del eth1");
-            support::set_resolver("127.0.0.1 looped\n", "files");
+            support::set_hosts("127.0.0.1 looped\n");
             now += 5 * kSecond;
             expect("mynode 2 2 looped 2 2 ");
         },

@@ -4,9 +4,7 @@
 
 #include "support/support.h"
 
-#include <atomic>
 #include <string>
-#include <thread>
 
 namespace support
 {
@@ -27,29 +25,8 @@ Outcome run_in_private_host(const std::function<int()> &body);
 // Runs the commands, one a line; stops the process at the first that fails.
 void run_commands(const std::string &lines);
 
-// What the resolver of a private host looks at: the hosts file, and the sources of its "hosts"
-// line ("files", "files dns"). The name server is 127.0.0.1.
-void set_resolver(const std::string &hosts, const std::string &sources);
-
-// A name server on 127.0.0.1 that knows no address. The name "nodata" exists, "fail" makes
-// the server fail, every other is unknown.
-class NameServer
-{
-  public:
-    NameServer();
-    ~NameServer();
-    NameServer(const NameServer &) = delete;
-    NameServer &operator=(const NameServer &) = delete;
-
-    int queries() const { return queries_; }
-
-  private:
-    void serve();
-
-    int socket_;
-    std::atomic<int> queries_{0};
-    std::thread thread_;
-};
+// Makes the texts of a hosts file all that the resolver of a private host knows.
+void set_hosts(const std::string &hosts);
 
 } // namespace support
 
