@@ -17,7 +17,7 @@
  * Ownership:      keys are copied. Pointers into an entry hold until the entry is deleted. The
  *                 memory of deleted entries is used again for new ones; all of it goes back to the
  *                 system with the table.
- * On failure:     a null pointer; the table is unchanged, and the failure is logged through
+ * On failure:     a null pointer; the table is unchanged, and lack of memory is logged through
  *                 __vorn_logfn at level 3 (error).
  * Thread safety:  none; the caller serialises all operations on one table, searches included.
  *
