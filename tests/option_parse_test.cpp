@@ -142,25 +142,20 @@ TEST(Options, FailuresTellWhyAndLeaveTheCallerAtTheirPlace)
         {"silent=1k", "Parameter 'silent' (1024) out of range, min 8589934592 max 0\n", ""},
         {"t=5000000000", "Parameter 't' (5000000000) out of range, min 0 max 7200\n", ""},
         {"size=k", "Unrecognized number () in 'size=k'\n", "k"},
+        {"size=4x",
+         "Unrecognized number (Invalid unit multiplier (k/K/m/M/g/G allowed)) in 'size=4x'\n",
+         "4x"},
+        {"size=08",
+         "Unrecognized number (Invalid unit multiplier (k/K/m/M/g/G allowed)) in 'size=08'\n",
+         "08"},
+        {"mode=fas,x",
+         "Unknown choice enumerated in option 'mode=fas'; Expected: {fast,quick|slow}\n", "fas,x"},
+        {"name=12345678,x",
+         "Parse error in string value (String option too long) 'name=12345678,x\n", "12345678,x"},
+        {"name=\"1,x", "Parse error in string value (Unterminated string) 'name=\"1,x\n", "\"1,x"},
     };
     for (const auto &c : cases) {
         expect(c.text, c.message, c.rest);
-    }
-    for (const std::string value : {"4x", "4\n", "0x", "08"}) {
-        expect("size=" + value,
-               "Unrecognized number (Invalid unit multiplier (k/K/m/M/g/G allowed)) in 'size=" +
-                   value + "'\n",
-               value);
-    }
-    expect("mode=fas,x",
-           "Unknown choice enumerated in option 'mode=fas'; Expected: {fast,quick|slow}\n",
-           "fas,x");
-    const struct {
-        std::string value, reason;
-    } strings[] = {{"12345678,x", "String option too long"}, {"\"1,x", "Unterminated string"}};
-    for (const auto &c : strings) {
-        expect("name=" + c.value,
-               "Parse error in string value (" + c.reason + ") 'name=" + c.value + "\n", c.value);
     }
     const struct {
         std::string value, read;
