@@ -368,3 +368,12 @@ TEST_F(MntArgsFile, RefusesWhatItDoesNotUnderstand)
     load_path(dir_ / "none", 2);
     EXPECT_EQ(message_, "KOVA Cfg: Error(2) opening '" + (dir_ / "none") + "'");
 }
+
+TEST(Store, IsNotThere)
+{
+    mntargs_t *args = reinterpret_cast<mntargs_t *>(1);
+    EXPECT_EQ(VoMntArgsLoad("data1", &args), 38);
+    EXPECT_EQ(args, nullptr);
+    EXPECT_EQ(VoMntArgsSave(nullptr, nullptr) + VoMntArgsDelete(nullptr), 2 * 38);
+    EXPECT_EQ(VoMntArgsMkMntPath(nullptr, nullptr, 0), 95);
+}
