@@ -517,7 +517,7 @@ struct Request {
     cache_buf_t *spare = nullptr;   // a buffer from an eviction, for the record that needs one
     cache_buf_t *surplus = nullptr; // one more, where the cache had grown above its capacity
     Kind seen = Kind::None;         // what the attempt before a wait came upon
-    bool waited = false; // for a victim: the cache grows rather than waiting again
+    bool waited = false;            // for a victim: the cache grows rather than waiting again
     int wait_list = 0;
     lru_rec_t *rec = nullptr; // the result, or the record to wait for
 };
