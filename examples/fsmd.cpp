@@ -348,7 +348,9 @@ class Daemon
             return false;
         }
         const bool written = fprintf(file, "%d\n", port_) > 0;
-        return fclose(file) == 0 && written && KovaRename(unfinished.c_str(), path.c_str()) == 0;
+        published_ =
+            fclose(file) == 0 && written && KovaRename(unfinished.c_str(), path.c_str()) == 0;
+        return published_;
     }
 
     void poll_loop()
@@ -586,7 +588,9 @@ class Daemon
             poll_.forget(listener.get());
             listener.reset();
         }
-        KovaDelete((files_ + ".port").c_str());
+        if (published_) {
+            KovaDelete((files_ + ".port").c_str());
+        }
         if (queue_) {
             queue_.reset();
             take_back();
@@ -731,6 +735,7 @@ class Daemon
     std::string list_text_;
     SlidingBucket_t request_rate_;
     SlidingBucket_t byte_rate_;
+    bool published_ = false;
     uint64_t requests_ = 0;
     uint64_t bad_requests_ = 0;
 

@@ -22,7 +22,8 @@
 // Locks, in the order in which they are taken: a record's lock, c_lru_lock, a bucket's h_lock.
 //
 //     the record's lock    the buffer, rec_buffer, rec_addr and rec_place. Every move in the
-//                          drawing is made by a thread that has this lock.
+//                          drawing is made by a thread that has this lock; only a discard gives
+//                          it back first, under c_lru_lock and with the record in no chain.
 //     c_lru_lock           the lists, rec_list, the target and the counters. All moves, and all
 //                          changes of chains.
 //     h_lock               the chain with its places in the index, rec_place and h_gen: lookups
@@ -75,7 +76,7 @@ namespace
 constexpr int kPeekSteps = 8;
 
 // How often a thread that waits for the lists pauses before it looks again, first and at most. All
-// together it takes less than thirty microseconds; going to sleep and being woken takes several.
+// together it takes some thirty microseconds; going to sleep and being woken takes several.
 constexpr int kFirstPauses = 16;
 constexpr int kMostPauses = 256;
 
@@ -327,13 +328,15 @@ struct Lookup {
 
 // Looks an address up without the bucket's lock. What it reads of a record on the way may change
 // at any time; but records are never freed, so that at worst it locks a wrong one, and sees that
-// when it has the lock. Returns the locked record, or null: the address may be known nevertheless.
-[[gnu::always_inline]] inline lru_rec_t *peek(cache_t *cache, const Key &key, void *ptr)
+// when it has the lock. Returns the locked record, or null: the address may be known nevertheless,
+// and is likely to be where *met is set.
+[[gnu::always_inline]] inline lru_rec_t *peek(cache_t *cache, const Key &key, void *ptr, bool *met)
 {
     lru_rec_t *rec = first_at(cache, key.place);
     for (int steps = 0; rec && steps < kPeekSteps; steps++) {
         __builtin_prefetch(&rec->rec_mutex);
         if (get(rec->rec_hashval) == key.hash) {
+            *met = true;
             // What moving the record to another place in its list will write.
             __builtin_prefetch(get(rec->rec_lru.next));
             __builtin_prefetch(get(rec->rec_lru.prev));
@@ -506,7 +509,7 @@ enum class Next {
     Done,         // the record is locked and on its list
     Again,        // look the address up again
     WaitVictim,   // wait for a victim on wait_list, then look again
-    WaitRecord,   // wait for wait_rec to be released, then look again
+    WaitRecord,   // wait for rec to be released, then look again
     NoFreeRecord, // and no ghost that one could be taken from
 };
 
@@ -558,7 +561,7 @@ int list_with_buffers(const cache_t *cache, int list)
 // Returns false when a victim must be waited for first.
 bool evict_for(cache_t *cache, Request &request, int list)
 {
-    if (request.spare || request.waited)
+    if (request.spare)
         return true;
     list = list_with_buffers(cache, list);
     if (lru_rec_t *victim = find_victim(cache, list)) {
@@ -569,7 +572,7 @@ bool evict_for(cache_t *cache, Request &request, int list)
         }
         return true;
     }
-    if (full(cache) && length(cache, list) > 0 && !request.trylock) {
+    if (full(cache) && length(cache, list) > 0 && !request.trylock && !request.waited) {
         request.wait_list = list;
         return false;
     }
@@ -624,6 +627,10 @@ Next take_free_record(cache_t *cache, Request &request)
     if (try_free_record(cache, request, true))
         return Next::Done;
     request.rec = cache->c_lists[CACHE_LIST_FREE].lru_queue.head;
+    for (const int ghosts : {CACHE_LIST_MU_GHOST, CACHE_LIST_RU_GHOST}) {
+        if (!request.rec)
+            request.rec = cache->c_lists[ghosts].lru_queue.tail;
+    }
     return request.rec && !request.trylock ? Next::WaitRecord : Next::NoFreeRecord;
 }
 
@@ -726,10 +733,12 @@ lru_rec_t *find_record(cache_t *cache, Request &request, const Key &key, Lookup 
 
 // All that is no plain hit. Apart, so that a hit does not pay for its frame.
 [[gnu::noinline]] lru_rec_t *find_or_make(cache_t *cache, const Key &key, lru_rec_t *peeked,
-                                          void *ptr, bool trylock)
+                                          bool met, void *ptr, bool trylock)
 {
     Request request{ptr, trylock};
-    const Lookup lookup = {peeked ? Found::Locked : Found::Absent, peeked};
+    Lookup lookup = {peeked ? Found::Locked : Found::Absent, peeked};
+    if (met && !peeked) // it is busy, or not the first with its hash
+        lookup = hash_buffer_find(cache, key, ptr, trylock);
     lru_rec_t *rec = find_record(cache, request, key, lookup);
     // A record that was found with its buffer, or none at all, has no use for the spare one.
     for (cache_buf_t *buffer : {request.spare, request.surplus}) {
@@ -857,11 +866,12 @@ cache_handle_t cache_buffer_find(cache_t *cache, bufaddr_t addr, void *ptr, int 
                                  int populate_flags)
 {
     const Key key = make_key(cache, addr);
-    lru_rec_t *rec = peek(cache, key, ptr);
+    bool met = false;
+    lru_rec_t *rec = peek(cache, key, ptr, &met);
     if (rec && buffer_of(rec)) {
         touch_cached(cache, rec);
     } else {
-        rec = find_or_make(cache, key, rec, ptr, trylock != 0);
+        rec = find_or_make(cache, key, rec, met, ptr, trylock != 0);
     }
     if (!rec)
         return nullptr;
@@ -988,10 +998,10 @@ const char *check_bounds(const cache_t *cache)
 {
     int64_t records = 0;
     int64_t failed = 0;
-    for (const lru_list_t &list : cache->c_lists) {
+    for (const lru_list_t &list : cache->c_lists)
         records += list.lru_len;
-        failed += list.lru_evict_fail;
-    }
+    for (const int list : {CACHE_LIST_RU, CACHE_LIST_MU})
+        failed += cache->c_lists[list].lru_evict_fail;
     if (records != 2 * int64_t{cache->c_entries})
         return "records are lost";
     if (failed == 0 && buffers_held(cache) > cache->c_entries)

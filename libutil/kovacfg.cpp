@@ -54,6 +54,7 @@ constexpr size_t entry_line_max = 1022; // characters of an entry line that is w
 constexpr size_t temp_stem_max = 253;   // characters of the path that a temporary name keeps
 
 constexpr char text_memory[] = "KOVA Cfg: Out of memory";
+constexpr char text_not_removed[] = "KOVA Cfg: Error removing old copy of cfg file(%d)";
 constexpr char text_no_argument[] = "KOVA Cfg: Missing argument";
 
 struct Message {
@@ -657,8 +658,22 @@ VoError_t write_temp(Save *save)
 // Whether moving the target out of the way may help where renaming over it was refused.
 bool moving_may_help(VoError_t status)
 {
-    return status == EEXIST || status == EBUSY || status == EACCES || status == EPERM ||
-           status == EISDIR || status == ENOTEMPTY;
+    return status == EEXIST || status == EBUSY || status == EACCES || status == EPERM;
+}
+
+// Moves the old file to a name that nobody has.
+VoError_t move_aside(const char *path, char (&aside)[sizeof(KovaCfg_t::KovaCfgPath)])
+{
+    for (char letter = 'a' - 1; letter <= 'z'; letter++) {
+        const char suffix[] = {letter < 'a' ? '\0' : letter, '\0'};
+        VoSnprintf(aside, sizeof aside, "%.*s~~%s", static_cast<int>(sizeof aside - sizeof "~~x"),
+                   path, suffix);
+        KovaStat_t info;
+        if (KovaStat(aside, &info) == no_such_file) {
+            return KovaRename(path, aside);
+        }
+    }
+    return EEXIST;
 }
 
 // Makes a new name in the file's folder last. A folder that may be written but not read cannot be
@@ -680,16 +695,15 @@ VoError_t replace_old(const Save *save)
     const char *path = save->cfg->KovaCfgPath;
     VoError_t status = KovaRename(save->temp_path, path);
     if (moving_may_help(status)) {
-        char aside[sizeof save->temp_path];
-        VoSnprintf(aside, sizeof aside, "%.*s~~", static_cast<int>(temp_stem_max), path);
-        (void)KovaDelete(aside);
-        status = KovaRename(path, aside);
+        char aside[sizeof save->cfg->KovaCfgPath];
+        status = move_aside(path, aside);
         if (status != 0) {
-            return report(save->message, status,
-                          "KOVA Cfg: Error removing old copy of cfg file(%d)", status);
+            return report(save->message, status, text_not_removed, status);
         }
         status = KovaRename(save->temp_path, path);
         (void)(status == 0 ? KovaDelete(aside) : KovaRename(aside, path));
+    } else if (status == EISDIR) { // a directory stands there now
+        return report(save->message, status, text_not_removed, status);
     }
     if (status == 0) {
         status = sync_folder(path);

@@ -326,8 +326,7 @@ int highest_number(const char *filename, int limit)
         return limit - 1;
     }
     int highest = 0;
-    errno = 0;
-    for (const dirent *entry; (entry = readdir(listing)) != nullptr;) {
+    for (const dirent *entry; errno = 0, (entry = readdir(listing)) != nullptr;) {
         const int number = number_of(entry->d_name, base, strlen(base));
         highest = number < limit ? std::max(highest, number) : highest;
     }

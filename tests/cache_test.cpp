@@ -359,7 +359,7 @@ TEST_F(Cache, WaiterOutlivesADiscard)
     std::thread waiter([&] { release(find(1)); });
     await_waiter();
     discard_cache_entry(cache, held, 1);
-    const cache_handle_t reused = find(2); // the record that the waiter still waits for
+    const cache_handle_t reused = find(2); // while the waiter waits for the old record
     ASSERT_NE(reused, nullptr);
     release(reused);
     waiter.join();

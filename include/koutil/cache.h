@@ -63,7 +63,8 @@ enum {
 
 /* The caller's functions. `handle` is that of cache_init; `ptr` is that of the lookup or of the
  * unlock, and null where the cache locks a record for its own work. `buf` is the record's buffer,
- * null where it has none. */
+ * null where it has none. c_lock_fn and c_trylock_fn must not look into it: until they have the
+ * lock it may be freed or become another address's, and the unlock may get another. */
 typedef struct cache_fn_vec {
     /* Returns a hash of an address; equal addresses have equal hashes. */
     uint64_t (*c_hash_fn)(bufaddr_t addr);
@@ -166,7 +167,8 @@ KO_API cache_t *cache_init(int entries, void *handle, int addr_size, cache_fn_ve
  *
  * Returns the locked record, or null when c_populate_fn failed (the address is then no longer
  * cached), when c_allocate_fn gave no buffer, when no record was free, or when `trylock` is
- * non-zero and the record is locked by somebody else.
+ * non-zero and the record is locked by somebody else, if only by a lookup that looks at it for a
+ * moment. A lookup may try a record that is not the address's, and unlock it again with `ptr`.
  *
  * Without `trylock` it waits for records that others have locked, both that of the address and,
  * where all buffers are in use, one that is to be evicted. */
@@ -179,8 +181,8 @@ KO_API cache_buf_t *cache_data_ptr(cache_handle_t handle);
 /* Release a record that the caller holds, through c_unlock_fn with the context `ptr`. */
 KO_API void cache_buffer_unlock(cache_t *cache, cache_handle_t handle, void *ptr);
 
-/* Forget an address, waiting for its record; nothing happens when it is not known. See
- * discard_cache_entry. */
+/* Forget an address, waiting for its record, which the caller must not hold; nothing happens when
+ * it is not known. See discard_cache_entry. */
 KO_API void cache_buffer_discard(cache_t *cache, bufaddr_t addr, int flush);
 
 /* Give up the buffer of a record that the caller holds, and the record itself: c_evict_fn is called

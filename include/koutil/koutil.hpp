@@ -555,7 +555,12 @@ class CacheBuffer
         }
     }
     // Gives the buffer up in place of the unlock, written back first where `flush` says so.
-    void discard(bool flush) { discard_cache_entry(cache_, release(), flush ? 1 : 0); }
+    void discard(bool flush)
+    {
+        if (cache_handle_t handle = release(); handle != nullptr) {
+            discard_cache_entry(cache_, handle, flush ? 1 : 0);
+        }
+    }
 
   private:
     cache_t *cache_ = nullptr;
@@ -738,8 +743,12 @@ class OutStream : public Owned<rep_stream_t, detail::clean_up_stream>
     using Owned::Owned;
     static OutStream create() { return OutStream(create_rep_out_stream()); }
     // Closes the stream with the caller's `flags` and gives the reference back: 1 when others have
-    // one still, 0 when the stream is gone.
-    int close(int flags) { return cleanup_rep_stream(release(), flags); }
+    // one still, 0 when the stream is gone or none is held.
+    int close(int flags)
+    {
+        rep_stream_t *stream = release();
+        return stream != nullptr ? cleanup_rep_stream(stream, flags) : 0;
+    }
 };
 
 // A further reference to an output stream, which stays open when this one ends.

@@ -111,8 +111,8 @@ KO_API VoError_t KovaCfgClose(KovaCfg_t **KovaCfgIn, int SaveChanges, char *ErrM
  * new one once the save has returned 0. What ends a process in a save leaves its temporary file;
  * these do not disturb, and there are never more than 27. Mode and owner of the old file are kept
  * as far as the process may set them. Only on file systems that refuse to rename over a file is the
- * old one moved aside first, to the path with "~~", and back should the rename fail again. The file
- * is then opened again with the object's flags.
+ * old one moved aside first, to the path with "~~" or "~~" and a letter, and back should the rename
+ * fail again. The file is then opened again with the object's flags.
  *
  * A comment is written as a line of its own before its entry, with "# " in front where it does not
  * begin with '#'. In the assignment form only the first value is written. Nothing is
@@ -120,8 +120,8 @@ KO_API VoError_t KovaCfgClose(KovaCfg_t **KovaCfgIn, int SaveChanges, char *ErrM
  *
  * Returns 0; 22 for a line that is too long, or has too many values, to be read back; or the status
  * of what failed. Until the new text is complete a failure leaves the old file and the object as
- * they were; later ones leave the object without a handle, and it can be saved again. The temporary
- * file of a failed save stays. */
+ * they were; later ones, when the new text may be in place already, leave the object without a
+ * handle, and it can be saved again. The temporary file of a failed save stays. */
 KO_API VoError_t KovaCfgSave(KovaCfg_t *KovaCfg, char *ErrMsg, size_t ErrMsgSz);
 
 /* Copy an object with all entries, but without a file handle and without the metadata marks.
