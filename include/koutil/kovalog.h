@@ -33,6 +33,8 @@
  *                 torn, and one thread rotates. It keeps errno. It is not for signal handlers. All
  *                 other functions take no lock: call them while nobody logs. Flags are read without
  *                 a lock.
+ * Processes:      the lock is one process's. A forked child that stays closes the log and sets up
+ *                 its own: where two rotate the same file at once, an older one may be lost.
  */
 #ifndef KOUTIL_KOVALOG_H
 #define KOUTIL_KOVALOG_H
